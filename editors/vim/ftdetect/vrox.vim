@@ -1,0 +1,1 @@
+autocmd BufNewFile,BufRead vrox.conf,*.vrox,*/vrox/*.conf setfiletype vrox

@@ -1,0 +1,125 @@
+// What upstream proxies answer, in pieces: each is a length byte and that many
+// bytes. The first byte chooses the handshake. Nothing is read behind a reply.
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "check.h"
+#include "main/address.h"
+#include "main/buffer.h"
+#include "tcp/handshake.h"
+#include "tcp/upstream.h"
+
+using vrox::fuzz::check;
+
+namespace {
+
+using vrox::SocketAddress;
+using vrox::tcp::Handshake;
+
+constexpr std::string_view login = "\1\1u\1p";
+
+// Real TCP: peeking and discarding work on nothing else.
+class Connection {
+ public:
+  Connection() {
+    static const int listener = listen_on_loopback();
+    static SocketAddress address;
+    socklen_t length = SocketAddress::size;
+    check(getsockname(listener, address.raw(), &length) == 0);
+    check(vrox::tcp::dial(upstream, address, false));
+    proxy = accept(listener, nullptr, nullptr);
+    check(proxy != -1);
+    vrox::tcp::set_no_delay(proxy);
+  }
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+  ~Connection() {
+    const linger reset{.l_onoff = 1, .l_linger = 0};  // or the ports run out
+    (void)setsockopt(proxy, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+    (void)close(proxy);
+    (void)close(upstream.fd);
+  }
+
+  vrox::tcp::Upstream upstream;
+  int proxy = -1;
+
+ private:
+  static int listen_on_loopback() {
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in any{};
+    any.sin_family = AF_INET;
+    any.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    check(bind(fd, reinterpret_cast<sockaddr*>(&any), sizeof any) == 0 && listen(fd, 8) == 0);
+    return fd;
+  }
+};
+
+std::size_t unread(int fd) {
+  std::array<char, 1024> bytes{};
+  std::size_t total = 0;
+  for (ssize_t got = 0; (got = recv(fd, bytes.data(), bytes.size(), MSG_DONTWAIT)) > 0;) {
+    total += static_cast<std::size_t>(got);
+  }
+  return total;
+}
+
+// How much of what a SOCKS5 proxy says belongs to the handshake.
+std::size_t socks5_due(std::string_view said, bool has_login) {
+  std::size_t at = 2;
+  if (has_login && said[1] == 2) at += 2;
+  return at + (said[at + 3] == 4 ? 22U : 10U);
+}
+
+void check_end(std::string_view said, std::size_t taken, bool tunnel, bool has_login) {
+  if (!tunnel) {
+    check(taken == socks5_due(said, has_login));
+  } else if (said.starts_with("HTTP")) {
+    const std::size_t plain = said.find("\n\r");
+    const std::size_t bare = said.find("\n\n");  // lines that end without CR
+    check(taken == (plain < bare ? plain + 3 : bare + 2));
+  } else {
+    check(taken >= 1 && taken <= 512);
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  if (size == 0 || size > 4096) return 0;
+  const bool tunnel = (data[0] & 1) != 0;
+  const bool has_login = (data[0] & 2) != 0;
+  const SocketAddress target =
+      *vrox::parse_address((data[0] & 4) != 0 ? "2001:db8::1" : "10.0.0.1", 443);
+  vrox::Buffer request;
+  check(request.assign("CONNECT"));
+  Connection connection;
+  const auto step = [&] {
+    return tunnel
+               ? vrox::tcp::tunnel_client_step(connection.upstream, request)
+               : vrox::tcp::socks5_client_step(connection.upstream, has_login ? login : "", target);
+  };
+  std::string said;
+  Handshake result = step();
+  for (std::size_t at = 1; result == Handshake::readable && at < size;) {
+    const std::size_t length = std::min<std::size_t>(data[at], size - at - 1);
+    const std::string piece(data + at + 1, data + at + 1 + length);
+    at += 1 + length;
+    if (piece.empty()) continue;
+    check(send(connection.proxy, piece.data(), length, 0) == static_cast<ssize_t>(length));
+    said += piece;
+    result = step();
+  }
+  check(result != Handshake::writable);
+  if (result == Handshake::done) {
+    check_end(said, said.size() - unread(connection.upstream.fd), tunnel, has_login);
+    check(step() == Handshake::done);
+  }
+  return 0;
+}

@@ -1,0 +1,7 @@
+#include "tcp/global.h"
+
+namespace vrox::tcp {
+
+constinit Global global;
+
+}  // namespace vrox::tcp

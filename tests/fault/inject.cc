@@ -1,0 +1,346 @@
+// Preloaded into the daemon by tests/system/lib/faults.py: makes the n-th call of
+// one kind fail, as the kernel or the allocator could. A page shared with the test
+// tells which; thousands of faults need no restart.
+//
+// Want of data or of room (EAGAIN, a short count) is not only told: on an
+// edge-triggered socket the kernel would send an edge when it is over, so the
+// descriptor is registered anew behind the caller's back, which brings one.
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <new>
+
+namespace {
+
+// In the order of KINDS in faults.py.
+enum Kind : std::uint32_t {
+  none,
+  k_socket,
+  k_connect,
+  k_accept,
+  k_epoll_add,
+  k_epoll_wait,
+  k_memory,
+  k_recv,
+  k_recvmmsg,
+  k_send,
+  k_sendmmsg,
+  k_splice,
+  k_pipe,
+  k_read,
+  k_write,
+  k_open,
+  k_socket_option,
+  k_socket_name,
+  k_bind,
+  k_listen,
+  k_mmap,
+  k_eventfd,
+  k_epoll_create,
+  k_fcntl,
+  k_poll,
+  kind_count
+};
+
+// Shared with the test, which writes `kind` last.
+struct Page {
+  std::atomic<std::uint32_t> kind;
+  std::atomic<std::int32_t> error;  // 0: a short count instead
+  std::atomic<std::int32_t> countdown;
+  std::atomic<std::uint32_t> fired;
+  std::array<std::atomic<std::uint32_t>, kind_count> calls;
+};
+
+Page* page = nullptr;
+
+constexpr int max_fds = 65536;
+struct Registration {
+  int epoll_fd;
+  epoll_event event;
+};
+std::array<Registration, max_fds> registrations{};  // epoll_fd 0: none
+
+__attribute__((constructor)) void open_page() {
+  const char* path = std::getenv("FAULT_PAGE");
+  const int fd = path == nullptr ? -1 : open(path, O_RDWR);
+  if (fd == -1) return;
+  void* mapped = mmap(nullptr, sizeof(Page), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  close(fd);
+  if (mapped != MAP_FAILED) page = static_cast<Page*>(mapped);
+}
+
+// The next definition of what is replaced here.
+template <class Function>
+Function* next(Function*, const char* name) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+#define REAL(name)                          \
+  (*[] {                                    \
+    static auto* real = next(&name, #name); \
+    return real;                            \
+  }())
+
+bool fires(Kind kind) {
+  if (page == nullptr) return false;
+  page->calls[kind].fetch_add(1, std::memory_order_relaxed);
+  if (page->kind.load(std::memory_order_acquire) != kind) return false;
+  if (page->countdown.fetch_sub(1) != 1) return false;
+  page->fired.fetch_add(1);
+  return true;
+}
+
+bool is_short() { return page->error.load() == 0; }
+int fail() {
+  errno = page->error.load();
+  return -1;
+}
+
+void announce(int fd) {
+  if (fd < 0 || fd >= max_fds) return;
+  Registration& known = registrations[static_cast<std::size_t>(fd)];
+  if (known.epoll_fd == 0) return;
+  const int error = errno;
+  (void)REAL(epoll_ctl)(known.epoll_fd, EPOLL_CTL_MOD, fd, &known.event);
+  errno = error;
+}
+
+int refuse(int fd) {
+  const int result = fail();
+  if (errno == EAGAIN) announce(fd);
+  return result;
+}
+
+// A datagram is never cut by the kernel's want of anything.
+bool is_stream(int fd) {
+  int type = 0;
+  socklen_t length = sizeof type;
+  return REAL(getsockopt)(fd, SOL_SOCKET, SO_TYPE, &type, &length) == 0 && type == SOCK_STREAM;
+}
+
+// What is left of a transfer that is to be short: about a third.
+std::size_t cut(int fd, std::size_t size) {
+  if (!is_stream(fd)) return size;
+  announce(fd);
+  return size / 3 + 1;
+}
+
+}  // namespace
+
+extern "C" {
+
+int socket(int domain, int type, int protocol) {
+  return fires(k_socket) ? fail() : REAL(socket)(domain, type, protocol);
+}
+
+// An interrupted one goes on in the kernel (POSIX, connect).
+int connect(int fd, const sockaddr* address, socklen_t length) {
+  if (!fires(k_connect)) return REAL(connect)(fd, address, length);
+  if (page->error.load() == EINTR) (void)REAL(connect)(fd, address, length);
+  return fail();
+}
+
+int accept4(int fd, sockaddr* address, socklen_t* length, int flags) {
+  return fires(k_accept) ? fail() : REAL(accept4)(fd, address, length, flags);
+}
+
+// Only an addition takes memory: changing and taking out always succeed.
+int epoll_ctl(int epoll_fd, int operation, int fd, epoll_event* event) noexcept {
+  if (operation == EPOLL_CTL_ADD && fires(k_epoll_add)) return fail();
+  const int result = REAL(epoll_ctl)(epoll_fd, operation, fd, event);
+  if (result == 0 && fd >= 0 && fd < max_fds) {
+    Registration& known = registrations[static_cast<std::size_t>(fd)];
+    known = operation == EPOLL_CTL_DEL ? Registration{} : Registration{epoll_fd, *event};
+  }
+  return result;
+}
+
+int close(int fd) {
+  if (fd >= 0 && fd < max_fds) registrations[static_cast<std::size_t>(fd)] = {};
+  return REAL(close)(fd);
+}
+
+int epoll_wait(int epoll_fd, epoll_event* events, int most, int timeout) {
+  return fires(k_epoll_wait) ? fail() : REAL(epoll_wait)(epoll_fd, events, most, timeout);
+}
+
+ssize_t recv(int fd, void* bytes, size_t size, int flags) {
+  if (!fires(k_recv)) return REAL(recv)(fd, bytes, size, flags);
+  return is_short() ? REAL(recv)(fd, bytes, cut(fd, size), flags) : refuse(fd);
+}
+ssize_t __recv_chk(int fd, void* bytes, size_t size, size_t, int flags) {
+  return recv(fd, bytes, size, flags);
+}
+
+int recvmmsg(int fd, mmsghdr* messages, unsigned count, int flags, timespec* timeout) {
+  if (!fires(k_recvmmsg)) return REAL(recvmmsg)(fd, messages, count, flags, timeout);
+  return is_short() ? REAL(recvmmsg)(fd, messages, 1, flags, timeout) : refuse(fd);
+}
+
+ssize_t send(int fd, const void* bytes, size_t size, int flags) {
+  if (!fires(k_send)) return REAL(send)(fd, bytes, size, flags);
+  return is_short() ? REAL(send)(fd, bytes, cut(fd, size), flags) : refuse(fd);
+}
+ssize_t sendto(int fd, const void* bytes, size_t size, int flags, const sockaddr* to,
+               socklen_t length) {
+  if (!fires(k_send)) return REAL(sendto)(fd, bytes, size, flags, to, length);
+  return is_short() ? REAL(sendto)(fd, bytes, cut(fd, size), flags, to, length) : refuse(fd);
+}
+
+int sendmmsg(int fd, mmsghdr* messages, unsigned count, int flags) {
+  if (!fires(k_sendmmsg)) return REAL(sendmmsg)(fd, messages, count, flags);
+  return is_short() ? REAL(sendmmsg)(fd, messages, 1, flags) : fail();
+}
+
+ssize_t splice(int in, loff_t* in_at, int out, loff_t* out_at, size_t size, unsigned flags) {
+  if (!fires(k_splice)) return REAL(splice)(in, in_at, out, out_at, size, flags);
+  const int socket_fd = is_stream(in) ? in : out;
+  if (!is_short()) return refuse(socket_fd);
+  return REAL(splice)(in, in_at, out, out_at, cut(socket_fd, size), flags);
+}
+
+int pipe2(int* ends, int flags) noexcept {
+  return fires(k_pipe) ? fail() : REAL(pipe2)(ends, flags);
+}
+
+ssize_t read(int fd, void* bytes, size_t size) {
+  return fires(k_read) ? fail() : REAL(read)(fd, bytes, size);
+}
+
+// What the daemon asks of the kernel past the C library: packets, and input that
+// nobody wants.
+long syscall(long number, ...) noexcept {
+  std::array<long, 6> values{};
+  va_list rest;
+  va_start(rest, number);
+  for (long& value : values) value = va_arg(rest, long);
+  va_end(rest);
+  const auto pass = [&] {
+    return REAL(syscall)(number, values[0], values[1], values[2], values[3], values[4], values[5]);
+  };
+  const int fd = static_cast<int>(values[0]);
+  if (number == SYS_preadv2 && fires(k_read)) return fail();
+  if (number != SYS_recvfrom || !fires(k_recv)) return pass();
+  if (!is_short()) return refuse(fd);
+  values[2] = static_cast<long>(cut(fd, static_cast<std::size_t>(values[2])));
+  return pass();
+}
+
+// One to an eventfd cannot fail before it overflows.
+ssize_t write(int fd, const void* bytes, size_t size) {
+  return size != sizeof(std::uint64_t) && fires(k_write) ? fail() : REAL(write)(fd, bytes, size);
+}
+ssize_t writev(int fd, const iovec* parts, int count) {
+  return fires(k_write) ? fail() : REAL(writev)(fd, parts, count);
+}
+
+int open(const char* path, int flags, ...) {
+  va_list rest;
+  va_start(rest, flags);
+  const int mode = va_arg(rest, int);
+  va_end(rest);
+  return fires(k_open) ? fail() : REAL(open)(path, flags, mode);
+}
+FILE* fopen(const char* path, const char* mode) {
+  if (!fires(k_open)) return REAL(fopen)(path, mode);
+  fail();
+  return nullptr;
+}
+
+int setsockopt(int fd, int level, int name, const void* value, socklen_t length) noexcept {
+  return fires(k_socket_option) ? fail() : REAL(setsockopt)(fd, level, name, value, length);
+}
+int getsockopt(int fd, int level, int name, void* value, socklen_t* length) noexcept {
+  return fires(k_socket_option) ? fail() : REAL(getsockopt)(fd, level, name, value, length);
+}
+int getsockname(int fd, sockaddr* address, socklen_t* length) noexcept {
+  return fires(k_socket_name) ? fail() : REAL(getsockname)(fd, address, length);
+}
+int bind(int fd, const sockaddr* address, socklen_t length) noexcept {
+  return fires(k_bind) ? fail() : REAL(bind)(fd, address, length);
+}
+int listen(int fd, int backlog) noexcept {
+  return fires(k_listen) ? fail() : REAL(listen)(fd, backlog);
+}
+int eventfd(unsigned value, int flags) noexcept {
+  return fires(k_eventfd) ? fail() : REAL(eventfd)(value, flags);
+}
+int epoll_create(int size) noexcept {
+  return fires(k_epoll_create) ? fail() : REAL(epoll_create)(size);
+}
+int poll(pollfd* asked, nfds_t count, int timeout) {
+  return fires(k_poll) ? fail() : REAL(poll)(asked, count, timeout);
+}
+int fcntl(int fd, int command, ...) {
+  va_list rest;
+  va_start(rest, command);
+  void* argument = va_arg(rest, void*);
+  va_end(rest);
+  return fires(k_fcntl) ? fail() : REAL(fcntl)(fd, command, argument);
+}
+// ---- memory ---------------------------------------------------------------------
+
+#ifndef BESIDE_SANITIZER  // which must have these for itself
+void* mmap(void* at, size_t size, int protection, int flags, int fd, off_t offset) noexcept {
+  if (!fires(k_mmap)) return REAL(mmap)(at, size, protection, flags, fd, offset);
+  fail();
+  return MAP_FAILED;
+}
+
+// While the next definitions are looked up, the C library's own must do.
+extern void* __libc_malloc(size_t size);
+extern void* __libc_calloc(size_t count, size_t size);
+
+void* malloc(size_t size) noexcept {
+  static thread_local bool looking = false;
+  if (looking) return __libc_malloc(size);
+  looking = true;
+  static auto* real = next(&malloc, "malloc");
+  looking = false;
+  if (!fires(k_memory)) return real(size);
+  errno = ENOMEM;
+  return nullptr;
+}
+void* calloc(size_t count, size_t size) noexcept {
+  static thread_local bool looking = false;
+  if (looking) return __libc_calloc(count, size);
+  looking = true;
+  static auto* real = next(&calloc, "calloc");
+  looking = false;
+  if (!fires(k_memory)) return real(count, size);
+  errno = ENOMEM;
+  return nullptr;
+}
+void* realloc(void* old, size_t size) noexcept {
+  if (!fires(k_memory)) return REAL(realloc)(old, size);
+  errno = ENOMEM;
+  return nullptr;
+}
+#endif
+
+}  // extern "C"
+
+// A sanitizer's does not end at malloc().
+void* operator new(std::size_t size, const std::nothrow_t& tag) noexcept {
+  using Real = void*(std::size_t, const std::nothrow_t&);
+  static auto* real = reinterpret_cast<Real*>(dlsym(RTLD_NEXT, "_ZnwmRKSt9nothrow_t"));
+  return fires(k_memory) ? nullptr : real(size, tag);
+}
+void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept {
+  using Real = void*(std::size_t, const std::nothrow_t&);
+  static auto* real = reinterpret_cast<Real*>(dlsym(RTLD_NEXT, "_ZnamRKSt9nothrow_t"));
+  return fires(k_memory) ? nullptr : real(size, tag);
+}

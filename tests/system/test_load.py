@@ -1,0 +1,65 @@
+"""As many sessions as there are descriptors for, one connection after the other, and more than have a place."""
+import socket
+import time
+from pathlib import Path
+
+import pytest
+
+from lib import conf, peers
+from lib.daemon import SANITIZED, TCP_PORT
+from lib.net import exchange, sysctl
+
+loaded = pytest.mark.skipif(not Path(peers.PEERS_BIN).exists(), reason="needs the target peers")
+
+
+def under_load(vrox, directory, seconds, *arguments, sessions):
+    """Runs the peers; gives the descriptors at the most, and sees them and the memory come back."""
+    sysctl("net.core.somaxconn", 4096)
+    sysctl("net.ipv4.tcp_tw_reuse", 1)  # one destination has only so many ports
+    peers.prepare_network()
+    daemon = vrox(peers.configuration(sessions=sessions))
+    base, memory, most = daemon.fds(), daemon.rss_kib(), 0
+    run = peers.Peers(directory, *arguments)
+    while run.process.poll() is None:
+        most = max(most, daemon.fds())
+        time.sleep(0.05)
+    run.wait(seconds)
+    peers.settled(daemon, base + 2)  # one pipe is kept
+    assert SANITIZED or daemon.rss_kib() < memory + 8192
+    return most - base
+
+
+@loaded
+@pytest.mark.slow
+def test_nine_thousand_at_once(net, vrox, tmp_path):
+    """Every session says its first word when the last one is open."""
+    assert under_load(vrox, tmp_path, 120, "hold", 9000, sessions=9000) >= 17000
+
+
+@loaded
+@pytest.mark.slow
+def test_one_after_the_other(net, vrox, tmp_path):
+    """Far more than there are slots. A million of them: bench/peers, churn 1000000 64."""
+    under_load(vrox, tmp_path, 120, "churn", 50_000, 64, sessions=128)
+
+
+def test_a_flood_beyond_the_table_leaves_open_sessions_moving(net, vrox):
+    origin, slots = net.listen(), 32
+    vrox(conf.tcp_global(f"max_sessions = {slots}", "tcpProxy = up") + conf.at_connect()
+         + conf.module("up", conf.to(origin.getsockname()[1])))
+    pairs = [(net.connect(), net.accept(origin)) for _ in range(slots)]
+    flood = [net.keep(socket.socket()) for _ in range(1000)]
+    for sock in flood:
+        sock.setblocking(False)
+        sock.connect_ex(("127.0.0.1", TCP_PORT))
+    for turn in range(20):
+        for client, upstream in pairs:
+            exchange(client, upstream, b"\x01" * (turn + 1), b"\x01" * 1000)
+    assert net.idle(origin, 0.2), "nobody has a place before one is free"
+    for client, upstream in pairs:
+        client.close()
+        upstream.close()
+    # In the place of each that ended there is one of the flood.
+    for _ in range(slots):
+        net.accept(origin)
+    assert net.idle(origin, 0.2)

@@ -1,0 +1,288 @@
+"""The transparent TCP proxy: redirected connections, choice of upstream, relaying."""
+import re
+import resource
+import selectors
+import socket
+import subprocess
+
+import pytest
+
+from lib import bulk, conf, socks5
+from lib.daemon import SANITIZED, TCP_PORT, UID
+from lib.net import (admit_fast_open, came_in_syn, ended, exchange, port_of, read_all, read_exactly, reset, silent,
+                     sysctl)
+from lib.wait import until
+
+MIB = 1 << 20
+AT_CONNECT = conf.tcp_global("tcpProxy = direct") + conf.at_connect() + conf.DIRECT
+
+
+@pytest.fixture
+def origin(net):
+    return net.listen()
+
+
+@pytest.mark.parametrize("address", ["10.77.3.4", "fd77::3:4"])
+@pytest.mark.parametrize("own_family", [False, True])
+def test_redirected_connections_reach_their_original_destination(net, vrox, address, own_family):
+    origin = net.listen(address)
+    listen = ("::1" if ":" in address else "127.0.0.1") if own_family else "::"
+    vrox(conf.tcp_global("tcpProxy = direct", listen=f"{listen}:{TCP_PORT}") + conf.DIRECT, "-u", UID)
+    net.redirect()
+    client, upstream = net.joined(origin, b"\x01 no rule names it", address=address, port=port_of(origin))
+    assert client.getpeername()[:2] == (address, port_of(origin))
+    exchange(client, upstream)
+    assert net.idle(origin, 0.05)  # neither the daemon's own connection nor another came back
+
+
+def test_server_may_speak_first(net, vrox):
+    origin = net.listen("10.77.3.4")
+    vrox(AT_CONNECT, "-u", UID)
+    net.redirect()
+    client, upstream = net.joined(origin, address="10.77.3.4", port=port_of(origin))
+    upstream.sendall(b"220 ready\r\n")
+    assert read_exactly(client, 11) == b"220 ready\r\n"
+    exchange(client, upstream)
+
+
+def test_a_connection_to_the_listener_itself_is_refused(net, vrox):
+    daemon = vrox(AT_CONNECT)
+    assert ended(net.connect())  # not redirected: its destination is the daemon
+    until(lambda: daemon.fds() < 30, "no descriptors are left")
+
+
+def test_refusals_end_the_connection(net, vrox, origin):
+    """Nothing to go to, by rule or by fault: the client sees the end and the slot is free again."""
+    closed = net.listen()
+    modules = {"deny": ["destAddr = deny_network"], "empty": [], "dead": [conf.to(closed)], "good": [conf.to(origin)]}
+    text = conf.tcp_global("max_sessions = 1") + conf.socks5()
+    for port, (name, lines) in enumerate(modules.items(), 2001):
+        text += conf.rule(name, "matchMode = firstMatch", f"dst_port = {port}", f"tcpProxy = {name}")
+        text += conf.module(name, *lines)
+    vrox(text + conf.rule("none", "matchMode = firstMatch", "dst_port = 2000"))
+    closed.close()
+    for port in [2000, 2001, 2002, 2003, 2004] * 2:
+        client = socks5.connect(net, "192.0.2.1", port)
+        if port == 2004:
+            upstream = net.accept(origin)
+            exchange(client, upstream)
+            client.close()
+            assert ended(upstream)
+        else:
+            assert ended(client), port
+
+
+def test_least_used_module_and_destination(net, vrox):
+    """Two modules, one of them with two destinations: taken in turn, then whatever was given back."""
+    listeners = [net.listen() for _ in range(3)]
+    a, b, c = map(conf.to, listeners)
+    vrox(conf.tcp_global() + conf.at_connect("tcpProxy = one", "tcpProxy = two")
+         + conf.module("one", a, b) + conf.module("two", c))
+    pairs = []
+
+    def open_one():
+        client = net.connect()
+        with selectors.DefaultSelector() as ready:
+            for listener in listeners:
+                ready.register(listener, selectors.EVENT_READ)
+            (key, _), = ready.select(20)
+        pairs.append((client, net.accept(key.fileobj)))
+        return "abc"[listeners.index(key.fileobj)]
+
+    assert [open_one() for _ in range(4)] == ["a", "c", "b", "c"]
+    for given_back, taken in ((1, "c"), (2, "b")):
+        client, upstream = pairs[given_back]
+        client.close()
+        assert ended(upstream)
+        assert open_one() == taken
+
+
+@pytest.mark.parametrize("works", [True, False], ids=["", "refused by the kernel"])
+def test_fast_open_towards_the_upstream(net, vrox, origin, works):
+    admit_fast_open(origin)
+    if not works:
+        sysctl("net.ipv4.tcp_fastopen", 0)
+    vrox(conf.fixed(origin, up=["tcp_option = TFO"]))
+    for _ in range(3):  # the first one fetches the cookie
+        client = net.connect()
+        assert net.idle(origin, 0.1)  # connecting waits for the client's first bytes
+        client.sendall(b"\x01 first")
+        upstream = net.accept(origin)
+        assert read_exactly(upstream, 7) == b"\x01 first"
+        exchange(client, upstream)
+    assert came_in_syn(upstream) == works
+
+
+def test_fast_open_from_clients(net, vrox, origin):
+    vrox(conf.fixed(origin, "tcp_option = TFO|TDA"))
+    for _ in range(3):
+        client = net.keep(socket.socket())
+        client.sendto(b"\x01 first", socket.MSG_FASTOPEN, ("127.0.0.1", TCP_PORT))
+        assert read_exactly(net.accept(origin), 7) == b"\x01 first"
+    assert came_in_syn(client)
+
+
+@pytest.mark.parametrize("line, low, high", [([], 50, 60), (["keepAlive_s = 500"], 490, 500), (["keepAlive_s = 0"], 0, 0)])
+def test_keep_alive_of_client_sockets(net, vrox, origin, line, low, high):
+    vrox(conf.fixed(origin, *line))
+    exchange(*net.joined(origin))
+    shown = subprocess.run(["ss", "-Htno", f"sport = :{TCP_PORT}"], capture_output=True, text=True, check=True).stdout
+    timer = re.search(r"ESTAB.*?(?:timer:\(keepalive,(?:(\d+)min)?(?:(\d+)sec)?|$)", shown)
+    assert low <= 60 * int(timer[1] or 0) + int(timer[2] or 0) <= high, shown
+
+
+@pytest.mark.parametrize("value, opened, admitted", [
+    ("1 2", "aaab", [True, True, False, False]),
+    ("2 1", "abac", [True, True, False, False]),
+    ("2 0", "ab", [False, False]),
+    ("0 0", "aab", [True, True, True]),
+])
+def test_limit_client_ip(net, vrox, origin, value, opened, admitted):
+    vrox(conf.fixed(origin, f"limit_client_ip = {value}"))
+
+    def admit(letter):
+        client = net.connect(source={"a": "127.0.0.11", "b": "127.0.0.12", "c": "127.0.0.13"}[letter])
+        if silent(client, 0.15):
+            return client, net.accept(origin)
+        assert ended(client)
+        return None
+
+    pairs = [admit(letter) for letter in opened]
+    assert [pair is not None for pair in pairs] == admitted
+    for client, upstream in filter(None, pairs):  # all given back: the same again
+        client.close()
+        assert ended(upstream)
+    assert [admit(letter) is not None for letter in opened] == admitted
+
+
+def test_full_table_pauses_the_listener(net, vrox, origin):
+    daemon = vrox(conf.fixed(origin, "max_sessions = 1"))
+    first, upstream = net.joined(origin)
+    second = net.connect()  # by the kernel, for the time being
+    second.sendall(b"\x01 second")
+    with daemon.at_rest():
+        assert net.idle(origin)
+        exchange(first, upstream)
+    first.close()
+    assert read_exactly(net.accept(origin), 8) == b"\x01 second"
+
+
+def test_ends_of_one_side_end_the_other(net, vrox, origin):
+    """A client that is done sending is done, with nothing pending towards it: deliberate. Every slot comes back."""
+    daemon = vrox(conf.later(origin, "max_sessions = 2"))
+    client, upstream = net.joined(origin, b"\x01")
+    exchange(client, upstream)
+    client.sendall(b"\x01 last")
+    client.shutdown(socket.SHUT_WR)
+    assert read_all(upstream) == b"\x01 last"
+    assert ended(client)
+    client, upstream = net.joined(origin, b"\x01")
+    upstream.sendall(b"last words")
+    upstream.shutdown(socket.SHUT_WR)
+    assert read_all(client) == b"last words"
+    for turn in range(6):
+        reset(net.connect())  # before its first byte
+        client, upstream = net.joined(origin, b"\x01")
+        bulk.send(upstream, 100_000)
+        gone, left = (client, upstream) if turn % 2 else (upstream, client)
+        reset(gone)
+        read_all(left)
+    assert daemon.err == ""
+
+
+UPLOAD, DOWNLOAD = "up", "down"
+
+
+def transfer(net, origin, direction, total, slow=False):
+    """`total` bytes one way over a new connection: what was read, then the end of the stream."""
+    client, upstream = net.joined(origin)
+    source, sink = (client, upstream) if direction == UPLOAD else (upstream, client)
+    if slow:  # a reader with a small window that dawdles
+        sink.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 17)
+
+    def work():
+        bulk.send(source, total)
+        source.shutdown(socket.SHUT_WR)
+
+    sender = net.spawn(work)
+    got = bulk.receive(sink, total, *((0.001, 1 << 15) if slow else ()))
+    sender.join()
+    assert got == bulk.expected(total)
+    assert ended(sink)
+
+
+@pytest.mark.parametrize("direction", [UPLOAD, DOWNLOAD])
+@pytest.mark.parametrize("total", [40 * MIB, pytest.param(1 << 30, marks=pytest.mark.slow)])
+def test_big_transfers_arrive_whole(net, vrox, origin, direction, total):
+    daemon = vrox(conf.fixed(origin))
+    transfer(net, origin, direction, 16 * MIB, slow=True)
+    before = daemon.rss_kib()
+    transfer(net, origin, direction, total)
+    assert SANITIZED or daemon.rss_kib() < before + 1024
+
+
+def test_both_directions_at_once(net, vrox, origin):
+    vrox(conf.fixed(origin))
+    bulk.both_ways(net, *net.joined(origin), 8 * MIB)
+
+
+@pytest.mark.parametrize("direction", [UPLOAD, DOWNLOAD])
+def test_a_stalled_reader_holds_back_the_sender(net, vrox, origin, direction):
+    """What waits inside the daemon is bounded, and all of it arrives once the reader goes on."""
+    daemon = vrox(conf.fixed(origin))
+    pair, other = net.joined(origin), net.joined(origin)
+    exchange(*other)
+    before = daemon.rss_kib()
+    source, sink = pair if direction == UPLOAD else pair[::-1]
+    source.settimeout(1)
+    sent, block = 0, bytes([1]) * 65536
+    with pytest.raises(TimeoutError):
+        while True:
+            sent += source.send(block)
+    assert SANITIZED or daemon.rss_kib() < before + 1024
+    exchange(*other)  # nobody else is held back
+    source.settimeout(20)
+    source.shutdown(socket.SHUT_WR)
+    assert len(read_all(sink)) == sent
+
+
+@pytest.mark.parametrize("count", [1000, pytest.param(10_000, marks=pytest.mark.slow)])
+def test_connections_leave_nothing_behind(net, vrox, origin, count):
+    """Many at once, each with a message of its own, so that mixed up sessions show."""
+    daemon = vrox(conf.fixed(origin))
+    descriptors, before = daemon.fds(), 0
+    for turn in range(2 + count // 200):
+        before = before or (turn == 2 and daemon.rss_kib())
+        clients = [net.connect() for _ in range(200)]
+        for i, client in enumerate(clients):
+            client.sendall(b"\x01%06d" % i)
+        for _ in clients:
+            with net.accept(origin) as upstream:
+                upstream.sendall(read_exactly(upstream, 7)[::-1])
+        for i, client in enumerate(clients):
+            assert read_all(client) == (b"\x01%06d" % i)[::-1]
+            client.close()
+        until(lambda: daemon.fds() == descriptors, "every descriptor is closed")
+    assert SANITIZED or daemon.rss_kib() <= before + 256
+    assert daemon.err == ""
+
+
+def test_out_of_descriptors(net, vrox, origin):
+    """The listener waits instead of spinning, and comes back."""
+    daemon = vrox(conf.fixed(origin))
+    soft, hard = resource.prlimit(daemon.pid, resource.RLIMIT_NOFILE)
+    resource.prlimit(daemon.pid, resource.RLIMIT_NOFILE, (daemon.fds() + 5, hard))
+    pairs = [net.joined(origin) for _ in range(2)]
+    waiting = [net.connect() for _ in range(3)]
+    assert all(silent(client, 0.1) or ended(client) for client in waiting)
+    for client, upstream in pairs:
+        exchange(client, upstream)
+        client.close()
+        upstream.close()
+    resource.prlimit(daemon.pid, resource.RLIMIT_NOFILE, (soft, hard))
+    net.connect().sendall(b"\x01 again")
+    seen = b""
+    while seen != b"\x01 again":  # those that waited come first
+        upstream = net.accept(origin)
+        seen = upstream.recv(8) if not silent(upstream, 0.1) else b""
+    assert daemon.err.count("\n") < 50

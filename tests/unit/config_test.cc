@@ -1,0 +1,165 @@
+
+#include <vector>
+
+#include "config/blocks.h"
+#include "config/key_table.h"
+#include "config/syntax.h"
+#include "configuration.h"
+
+namespace vrox::config {
+namespace {
+
+// What the grammar makes of a text: "kind:name{key=value|...}" per section.
+std::string parsed(std::string text) {
+  std::string result;
+  BlockReader reader(text);
+  Section section;
+  BlockReader::Found found;
+  while ((found = reader.next_section(section)) == BlockReader::Found::section) {
+    result += std::to_string(static_cast<int>(section.kind)) + ":" + std::string(section.name);
+    result += "{";
+    Line line;
+    BlockReader::LineFound kind;
+    while ((kind = reader.next_line(line)) == BlockReader::LineFound::pair) {
+      EXPECT_EQ(*(line.value.data() + line.value.size()), '\0') << "values are terminated";
+      result.append(line.key).append("=").append(line.value.begin(), line.value.end()).append("|");
+    }
+    if (kind == BlockReader::LineFound::not_closed) return result + "!open";
+    if (kind == BlockReader::LineFound::no_equals) result.append("!bad ").append(line.key);
+    if (kind == BlockReader::LineFound::no_value) result.append("!empty ").append(line.key);
+    if (kind != BlockReader::LineFound::end_of_body) return result;
+    result += "}";
+  }
+  return found == BlockReader::Found::bad_header ? result + "!header" : result;
+}
+
+TEST(ConfigGrammar, Sections) {
+  const struct {
+    const char* why;
+    const char* text;
+    const char* expected;
+  } cases[] = {
+      {"headers go by their prefix, without case", "TCP::GLOBALX {\n}\nTunnel {\n}",
+       "0:X{}8:nel{}"},
+      {"the rest of the header is the name", "tcpAcl::a b {\n}\nhttpMod::M\t{\n}", "1:a{}3:M{}"},
+      {"a brace without a name does, too", "Tun {\n}{\nx\n}\nbad {\n", "8:{}"},
+      {"a commented-out block is skipped", "//tcpAcl::old {\na\n}\nTun {\n}", "8:{}"},
+      {"a brace inside it opens a block", "// old {\na\nTun {\nk = v\n}\n}", "8:{k =v|}"},
+      {"a zero byte ends the text", "Tun {\n}\n\0socks5 {\n}", "8:{}"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(parsed(c.text), c.expected) << c.why;
+}
+
+TEST(ConfigGrammar, Lines) {
+  const struct {
+    const char* why;
+    const char* lines;
+    const char* expected;
+  } cases[] = {
+      {"blanks before the '=' stay in the key", "\t key \t= v\n", "key \t=v|}"},
+      {"an empty text can be quoted", "k = \"\"\nl = \"\n", "k =|l =|}"},
+      {"the first '=' counts", "k = a = b\n", "k =a = b|}"},
+      {"comments are lines", "// k = v\nl = w\n//", "l =w|}"},
+      {"a carriage return is no value", "k =\r\n", "!empty k "},
+  };
+  for (const auto& c : cases) {
+    const bool comment_last = std::string_view(c.lines).ends_with("//");
+    const std::string text = "Tun {\n" + std::string(c.lines) + (comment_last ? "" : "}\n");
+    EXPECT_EQ(parsed(text), std::string("8:{") + c.expected) << c.why;
+  }
+}
+
+TEST(ConfigSyntax, EscapesAreEightAndNoMore) {
+  std::string text = R"(\r\n\b\v\f\t\a\\n\x\)";
+  EXPECT_EQ(unescape(text), "\r\n\b\v\f\t\a\\\n\\x\\");
+}
+
+struct Row {
+  std::string_view keyword;
+};
+static_assert(!all_reachable(std::array{Row{"tun_addr"}, Row{"TUN_addr6"}}));
+static_assert(all_reachable(std::array{Row{"tun_addr6"}, Row{"tun_addr"}}));
+
+using Configuration = ConfigurationTest;
+using ConfigurationDeathTest = ConfigurationTest;
+
+TEST_F(ConfigurationDeathTest, LinesThatEndTheProcess) {
+  const struct {
+    const char* text;
+    const char* line;  // the blank before the '=' belongs to the key
+  } cases[] = {
+      {"tcpAcl::a {\ncontinue_match:timeout = 1\n}", "continue_match:timeout  = 1"},
+      {"dnsAcl {\nquery_type = MG\n}", "query_type  = MG"},
+      {"dnsAcl {\nreg_domain = [\n}", "reg_domain  = ["},
+      {"httpUDP {\nsocks5_set_dst=127.0.0.1:1 user\n}", "socks5_set_dst = 127.0.0.1:1 user"},
+  };
+  for (const auto& c : cases) {
+    const std::string message = std::string("error line: [").append(c.line).append("]\n");
+    EXPECT_EXIT((void)load(c.text), testing::ExitedWithCode(1), testing::Eq(message)) << c.text;
+  }
+}
+
+TEST_F(Configuration, ARuleBeginsAsTheGlobalSectionStands) {
+  ASSERT_TRUE(
+      load("tcp::Global {\nkeepAlive_s = 7\nmaxData = 2K\nmaxSpeed = 3K\ndst_port = 80\n"
+           "tcpProxy = p\nmatchMode = no_auto_match\n}\n"
+           "tcpAcl::plain {\ndst_port = 81\nkeepAlive_s = 8\n}\n"
+           "tcp::Global {\nmaxData = 5K\ndst_port = 443\n}\n"
+           "tcpAcl::own {\ntcpProxy = q\ntcpProxy = p\ncontinue_match:dst_port = 82\n}\n"
+           "tcpProxy::p {\n}\ntcpProxy::q {\n}\n"));
+  const acl::Rule& plain = *acl::rule_lists.on_request.head;
+  const acl::Rule& own = *plain.next;
+  EXPECT_EQ(plain.keep_alive, 8);
+  EXPECT_EQ(own.keep_alive, 7);
+  EXPECT_EQ(plain.data_left->load(), 2048U);
+  EXPECT_EQ(own.data_left->load(), 5120U);
+  EXPECT_NE(own.data_left, tcp::global.data_left) << "rules never share counters";
+  EXPECT_NE(plain.speed_limit, tcp::global.speed_limit);
+  EXPECT_NE(plain.speed_used, own.speed_used);
+  EXPECT_TRUE(plain.no_auto_match);
+
+  EXPECT_EQ(names(plain.module_refs), "p ");
+  EXPECT_EQ(names(own.module_refs), "q p ") << "own modules take the place of inherited ones";
+
+  std::vector<int> ports;
+  for (const acl::Condition& c : own.conditions) ports.push_back(c.port_low);
+  EXPECT_EQ(ports, (std::vector<int>{80, 443, 82}));
+  EXPECT_TRUE(own.conditions.head->must_hold) << "the mark goes to the rule's first condition";
+  EXPECT_FALSE(own.conditions.tail->must_hold);
+  EXPECT_FALSE(tcp::global.conditions.head->must_hold) << "conditions are copied";
+}
+
+TEST_F(Configuration, SingleSectionsTakeTheirKeys) {
+  ASSERT_TRUE(
+      load("tcp::Global {\ntcp_option = x|tfo|TDAx\nmax_sessions_x = 0\ntimeout = 3\n}\n"
+           "httpUDP {\ntcp_option = XTFO\nudp_socks5_listen = 127.0.0.1:0\ntimeout = 0\n"
+           "socks5_set_dst = 127.0.0.1:65537 u p\n}\n"
+           "dns::Global {\ncacheLimit = 300\ndns_listen = 127.0.0.1:0\n}\n"
+           "socks5 {\nhandshake_timeout = 5\nuser_pass = u p q\n}\n"));
+  EXPECT_TRUE(tcp::global.fast_open && tcp::global.defer_accept);
+  EXPECT_EQ(tcp::global.max_sessions, 1) << "a table has at least one slot";
+  EXPECT_FALSE(httpudp::global.fast_open);
+  EXPECT_EQ(httpudp::global.timeout, 0) << "a later key switches the default off again";
+  const tcp::Module& proxy = *httpudp::global.socks5_list.head;
+  EXPECT_EQ(proxy.socks5_auth.view(), "\1\1u\1p");
+  EXPECT_EQ(proxy.destination_list.head->address.port(), 1) << "the low 16 bits";
+  EXPECT_EQ(dns::global.cache_limit, 44) << "only the low byte is kept";
+  EXPECT_EQ(dns::global.timeout, 1);
+  EXPECT_EQ(socks5::global.credentials, "\1\1u\3p q");
+  EXPECT_EQ(timeout_mask, 1 | 4 | 8);
+}
+
+TEST_F(Configuration, ARuleThatMayAskForTheHostIsMarked) {
+  ASSERT_TRUE(
+      load("tcpAcl::a {\ninclude_module = b\n}\ntcpAcl::b {\ninclude_module! = a\n"
+           "include_module = c\n}\ntcpAcl::c {\nhdr_key(HOST) = x\n}\n"
+           "tcpAcl::d {\ninclude_module = d\nhdr_key(Hosts) = x\nhdr_key(Cookie) = x\n}\n"));
+  std::string marked;
+  for (const acl::Rule& rule : acl::rule_lists.on_request) {
+    if (rule.asks_host) marked.append(rule.name);
+  }
+  EXPECT_EQ(marked, "abc");
+}
+
+}  // namespace
+}  // namespace vrox::config
