@@ -4,7 +4,8 @@
 //   peers soak SECONDS SEED WORKERS   all services, random peers
 //   peers step STREAM_MS DATAGRAM_MS  one exchange for each line "service kind" that is
 //                                     read; how long it may stand still
-//   peers hold SESSIONS               that many at once
+//   peers hold SESSIONS               that many at once; says "open" when they are, and
+//                                     goes on when its input ends
 //   peers churn CONNECTIONS WORKERS   one after the other
 #include <sys/socket.h>
 #include <unistd.h>
@@ -202,10 +203,15 @@ Detached step() {
 
 // ---- load -----------------------------------------------------------------------
 
-Task<bool> small_exchange(Socket& socket) {
-  const Order order{.id = random_number(), .up = 100, .down = 100};
+constexpr std::uint32_t few_bytes = 100;
+
+Task<bool> send_small_order(Socket& socket, Order& order) {
+  order = {.id = random_number(), .up = few_bytes, .down = few_bytes};
   const auto head = write_order(order);
-  if (!co_await send_all(socket, head, patience_ms)) co_return false;
+  co_return co_await send_all(socket, head, patience_ms);
+}
+
+Task<bool> carry_out(Socket& socket, const Order& order) {
   Flow out = upward(order);
   Flow in = downward(order);
   Keys plain;
@@ -213,21 +219,37 @@ Task<bool> small_exchange(Socket& socket) {
 }
 
 unsigned sessions_due = 0;
-unsigned sessions_open = 0;
+unsigned sessions_tried = 0;
 unsigned sessions_done = 0;
+bool may_go_on = false;
 
-// Opens, waits for all the others, and only then says anything.
+Detached hold_until_input_ends() {
+  while (sessions_tried < sessions_due) co_await pause_ms(10);
+  std::puts("open");
+  (void)std::fflush(stdout);
+  (void)fcntl(STDIN_FILENO, F_SETFL, O_NONBLOCK);
+  Socket input(STDIN_FILENO);
+  char byte = 0;
+  while (read(input.fd(), &byte, 1) != 0) co_await input.event(1'000'000);
+  may_go_on = true;
+}
+
+// Sends its order, which has the daemon connect to the far end, and waits for the others.
 Detached hold_one() {
   Socket socket;
-  if (co_await enter(socket, Entry::redirect, origin_port, Reception::polite)) ++sessions_open;
-  while (sessions_open + sessions_done < sessions_due) co_await pause_ms(100);
-  const bool right = socket.fd() != -1 && co_await small_exchange(socket);
+  Order order;
+  bool right = co_await enter(socket, Entry::redirect, origin_port, Reception::polite);
+  right = right && co_await send_small_order(socket, order);
+  ++sessions_tried;
+  while (!may_go_on) co_await pause_ms(100);
+  right = right && co_await carry_out(socket, order);
   count(right ? End::ok : End::lost, "held session");
   if (++sessions_done == sessions_due) over = true;
 }
 
 Detached hold_all(unsigned sessions) {
   sessions_due = sessions;
+  hold_until_input_ends();
   for (unsigned i = 0; i < sessions; ++i) {
     hold_one();
     if (i % 50 == 49) co_await pause_ms(5);
@@ -241,7 +263,8 @@ Detached churn_worker() {
     --connections_left;
     Socket socket;
     bool right = co_await enter(socket, Entry::redirect, origin_port, Reception::polite);
-    right = right && co_await small_exchange(socket);
+    Order order;
+    right = right && co_await send_small_order(socket, order) && co_await carry_out(socket, order);
     socket.reset();  // leaves no port behind that waits for stray segments
     count(right ? End::ok : End::lost, "connection");
   }

@@ -1,7 +1,6 @@
 """UDP over HTTP: both listeners, the tunnels, and a far end that knows the wire and nothing else."""
 import contextlib
 import random
-import select
 import signal
 import socket
 import struct
@@ -369,23 +368,15 @@ def test_datagrams_before_the_far_end_is_there(net, vrox):
     """They wait while it connects, 64 KiB ones too, and go out in their order."""
     far = net.listen(backlog=0)
     vrox(http_udp(far))
-    fillers = [net.keep(socket.socket()) for _ in range(4)]
-    for filler in fillers:  # until the backlog is full, so that the daemon's SYN is not answered
-        filler.setblocking(False)
-        filler.connect_ex(("127.0.0.1", port_of(far)))
+    # Takes the only place in the backlog, so that the daemon's SYN is not answered at first.
+    filler = net.connect(port=port_of(far))
     client = Client(net, "relay")
     sizes = [10, 65000, 60000, 1, 65000, 20000]
     for size in sizes:
         client.send(bytes([size & 0xFF]) * size)
         time.sleep(0.01)
-    conns = []
-
-    def speaking():
-        if select.select([far], [], [], 0.5)[0]:
-            conns.append(net.accept(far))
-        return select.select(conns, [], [], 0)[0]
-
-    tunnel = Tunnel(until(speaking, "one of the connections is the daemon's")[0])
+    assert net.accept(far).getpeername() == filler.getsockname()
+    tunnel = accept(net, far)
     for size in sizes:
         assert tunnel.read() == client.header + bytes([size & 0xFF]) * size
 
