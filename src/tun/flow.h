@@ -83,6 +83,13 @@ struct TunFlow : TunRecord {        // kind: the state
 
   [[nodiscard]] std::uint8_t version() const { return to_client.version; }
   [[nodiscard]] std::size_t unread() const { return received.size() + arriving.size(); }
+
+  [[nodiscard]] bool has(unsigned some) const { return (flags & some) != 0; }
+  void set(FlowFlag flag) { flags = static_cast<std::uint8_t>(flags | flag); }
+  void clear(FlowFlag flag) { flags = static_cast<std::uint8_t>(flags & ~unsigned{flag}); }
+  [[nodiscard]] bool is_in(Kind state) const { return kind == kind_code(version(), state); }
+  void enter(Kind state) { kind = kind_code(version(), state); }
+  [[nodiscard]] bool is_established() const { return is_in(established) || is_in(writable); }
 };
 
 // ---- for the proxy --------------------------------------------------------------
