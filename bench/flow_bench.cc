@@ -43,7 +43,7 @@ class Client {
                                               .flags = static_cast<std::uint8_t>(flags),
                                               .window = 65535,
                                               .mss = {}},
-                                             {payload, {}});
+                                             tun::sum_up({payload, {}}));
     std::copy(header.begin(), header.end(), packet_.begin());
     std::copy(payload.begin(), payload.end(),
               packet_.begin() + static_cast<std::ptrdiff_t>(header.size()));

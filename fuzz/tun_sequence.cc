@@ -104,7 +104,7 @@ void inject(const Peer& peer, const tun::TcpFields& fields, std::size_t size) {
     payload[i] = client_byte(fields.sequence + static_cast<std::uint32_t>(i));
   }
   tun::HeaderBuffer buffer;
-  const tun::Bytes header = tun::build_tcp(buffer, peer.route, fields, {payload, {}});
+  const tun::Bytes header = tun::build_tcp(buffer, peer.route, fields, tun::sum_up({payload, {}}));
   std::vector<std::uint8_t> packet(header.begin(), header.end());
   packet.insert(packet.end(), payload.begin(), payload.end());
   tun_link::put(packet);

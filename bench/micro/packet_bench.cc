@@ -37,7 +37,7 @@ void BM_BuildTcp(benchmark::State& state) {
   const Octets payload = payload_of(state);
   HeaderBuffer buffer{};
   for (auto _ : state) {
-    benchmark::DoNotOptimize(build_tcp(buffer, route, fields, {payload, {}}));
+    benchmark::DoNotOptimize(build_tcp(buffer, route, fields, sum_up({payload, {}})));
   }
   count_bytes(state);
 }
@@ -46,7 +46,7 @@ BENCHMARK(BM_BuildTcp)->Arg(0)->Arg(1460)->Arg(65495);
 void BM_ParseTcp(benchmark::State& state) {
   const Octets payload = payload_of(state);
   HeaderBuffer buffer{};
-  const Bytes header = build_tcp(buffer, route, fields, {payload, {}});
+  const Bytes header = build_tcp(buffer, route, fields, sum_up({payload, {}}));
   Octets packet(header.begin(), header.end());
   packet.insert(packet.end(), payload.begin(), payload.end());
   for (auto _ : state) {

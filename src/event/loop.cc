@@ -195,6 +195,7 @@ void tun_end_pass() {
 
 int tun_wait_limit_ms() {
   if (owner == nullptr) return -1;
+  if (tun::tun_awaits_answer()) return 0;
   std::optional<std::int64_t> until = tun::tun_next_expiry_ms();
   if (failed) until = std::min(until.value_or(INT64_MAX), failed_at_ms + retry_ms);
   if (!until) return -1;

@@ -99,12 +99,17 @@ void tell_writable(TunFlow& flow) {
 // The client has acknowledged everything: what waited for that goes on.
 void go_on_sending(TunFlow& flow) {
   if (flow.has(fin_sent)) return;
+  std::size_t sent = 0;
   if (!flow.unsent.empty()) {
-    send_waiting(flow);
+    sent = send_waiting(flow);
   } else if (flow.has(closed_here)) {
     send_fin(flow);
   }
   tell_writable(flow);
+  // The next segment will be as large, and the client is busy with this one.
+  if (sent >= large_segment && flow.unsent.size() >= sent) {
+    flow.next_payload = sum_up(flow.unsent.front(sent));
+  }
 }
 
 // Takes over what the segment acknowledges, and the window, if nothing is
@@ -112,9 +117,7 @@ void go_on_sending(TunFlow& flow) {
 bool take_acknowledgement(TunFlow& flow, const TcpSegment& segment) {
   if ((segment.flags & TcpFlag::ack) == 0) return false;
   if (!at_or_after(segment.acknowledgement, flow.next_sent)) return false;
-  flow.next_sent = segment.acknowledgement;
-  flow.client_window = segment.window;
-  flow.acknowledged = true;
+  settle(flow, segment);
   // Both versions go on to what waits for the handshake, a FIN or a refused write:
   // a client that has nothing to say itself would send no other acknowledgement.
   if (flow.is_in(syn_received)) flow.enter(established);

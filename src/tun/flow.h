@@ -69,9 +69,10 @@ struct TunFlow : TunRecord {        // kind: the state
   std::uint32_t next_expected = 0;  // sequence number of the client's next byte
   std::uint32_t next_sent = 0;      // and of ours
 
-  ByteRing received;  // not read by the proxy yet
-  Bytes arriving;     // likewise: the payload at hand, until the handler has been told of it
-  ByteRing unsent;    // written by the proxy, not sent yet
+  ByteRing received;        // not read by the proxy yet
+  Bytes arriving;           // likewise: the payload at hand, until the handler has been told of it
+  ByteRing unsent;          // written by the proxy, not sent yet
+  PayloadSum next_payload;  // of the first bytes there, where it is known already
 
   tcp::TcpSession* session = nullptr;  // set and cleared by the packet handler and the close
 
@@ -144,6 +145,10 @@ void tun_handle_tcp(const IpPacket& packet, const TcpSegment& segment, std::size
 void tun_expire_flows(std::int64_t now_ms);
 // When tun_expire_flows() will next have something to do; empty: not for now.
 [[nodiscard]] std::optional<std::int64_t> tun_next_expiry_ms();
+
+// Whether a client is about to acknowledge a large segment, so that it is quicker to
+// look for its packet again than to sleep until it comes.
+[[nodiscard]] bool tun_awaits_answer();
 
 [[nodiscard]] std::size_t tun_flow_count();
 // Flows that were closed and still have something to send: bytes, or the FIN. From

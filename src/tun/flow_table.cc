@@ -201,6 +201,7 @@ void lend_send_buffer(TunFlow& flow) { send_buffers.lend(flow.unsent, send_limit
 void take_back_receive_buffer(TunFlow& flow) { receive_buffers.take_back(flow.received); }
 void take_back_send_buffer(TunFlow& flow) {
   send_buffers.take_back(flow.unsent);
+  flow.next_payload = {};
   stop_lingering(flow);
 }
 

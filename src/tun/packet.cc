@@ -248,11 +248,17 @@ void ChecksumSum::add(Bytes bytes) {
   std::array<std::uint8_t, block_size> tail{};
   std::copy(bytes.begin(), bytes.end(), tail.begin());
   sums.add(tail.data());
-  std::uint64_t sum = folded(sums.total());
+  append(sums.total(), bytes.size() % 2 != 0);
+}
+
+void ChecksumSum::add(const ChecksumSum& next) { append(next.sum_, next.odd_); }
+
+void ChecksumSum::append(std::uint64_t total, bool is_odd) {
+  std::uint64_t sum = folded(total);
   // A piece that begins at an odd byte adds up to the sum with its bytes swapped.
   if (odd_) sum = (sum & 0xff) << 8 | sum >> 8;
   sum_ += sum;
-  odd_ ^= bytes.size() % 2 != 0;
+  odd_ ^= is_odd;
 }
 
 std::uint16_t ChecksumSum::finish() const { return static_cast<std::uint16_t>(~folded(sum_)); }
@@ -263,18 +269,27 @@ std::uint16_t tun_checksum(Bytes bytes) {
   return sum.finish();
 }
 
+PayloadSum sum_up(const Pieces& payload) {
+  PayloadSum result;
+  for (const Bytes piece : payload) {
+    result.size += piece.size();
+    result.sum.add(piece);
+  }
+  return result;
+}
+
 Bytes build_tcp(HeaderBuffer& buffer, const Route& route, const TcpFields& fields,
-                const Pieces& payload) {
+                const PayloadSum& payload) {
   const std::size_t ip_length = ip_header(route.version);
   const std::size_t tcp_length = tcp_header + (fields.mss ? mss_option : 0);
-  const std::size_t length = tcp_length + payload[0].size() + payload[1].size();
+  const std::size_t length = tcp_length + payload.size;
   const std::span<std::uint8_t> header = std::span(buffer).first(ip_length + tcp_length);
   const std::span<std::uint8_t> tcp = header.subspan(ip_length);
   write_ip(header, route, protocol_tcp, length);
   write_tcp(tcp, route, fields);
   ChecksumSum sum = pseudo_header(route, protocol_tcp, length);
   sum.add(tcp);
-  for (const Bytes piece : payload) sum.add(piece);
+  sum.add(payload.sum);
   put_checksum(tcp, tcp_checksum_offset, sum.finish());
   return header;
 }

@@ -84,15 +84,22 @@ struct UdpDatagram {
 
 // ---- writing ------------------------------------------------------------------
 
+// Payload in up to two pieces, as a ring buffer has it.
+using Pieces = std::array<Bytes, 2>;
+
 // The Internet checksum (RFC 1071) of bytes in several pieces. Sums in the
 // host's byte order, which the checksum does not depend on.
 class ChecksumSum {
  public:
   void add(Bytes bytes);
+  // Of bytes that come next, summed on their own.
+  void add(const ChecksumSum& next);
   // The 16 bits as they are stored in a header.
   [[nodiscard]] std::uint16_t finish() const;
 
  private:
+  void append(std::uint64_t total, bool is_odd);
+
   std::uint64_t sum_ = 0;
   bool odd_ = false;  // the next piece begins in the low half of a word
 };
@@ -117,16 +124,20 @@ struct TcpFields {
   std::optional<std::uint16_t> mss;  // the one option that is ever sent
 };
 
-// Payload in up to two pieces, as a ring buffer has it.
-using Pieces = std::array<Bytes, 2>;
-
 // Room for every header that is written here.
 using HeaderBuffer = std::array<std::uint8_t, ipv4_max_header + tcp_header>;
+
+// What a header says of the payload behind it.
+struct PayloadSum {
+  std::size_t size = 0;
+  ChecksumSum sum;
+};
+[[nodiscard]] PayloadSum sum_up(const Pieces& payload);
 
 // The IP and transport headers, with checksums over the payload that the caller
 // puts behind them. The view is into `buffer`. The payload must fit.
 [[nodiscard]] Bytes build_tcp(HeaderBuffer& buffer, const Route& route, const TcpFields& fields,
-                              const Pieces& payload = {});
+                              const PayloadSum& payload = {});
 [[nodiscard]] Bytes build_udp(HeaderBuffer& buffer, const Route& route, Bytes payload);
 
 // The reset that answers a segment of no known connection.

@@ -8,7 +8,9 @@
 #include <cstdint>
 
 #include "event/device.h"
+#include "main/clock.h"
 #include "tun/flow_table.h"
+#include "tun/short_wait.h"
 
 namespace vrox::tun {
 
@@ -16,18 +18,30 @@ namespace {
 
 constexpr std::size_t mss_headers = 24;  // as the MSS option counts the TCP header
 
+constinit ShortWait short_wait;
+
 std::size_t window_of(const TunFlow& flow) {
   const std::size_t limit = receive_limit();
   return flow.unread() < limit ? std::min(limit - flow.unread(), max_window) : 0;
 }
 
-void send_segment(TunFlow& flow, TcpFields fields, const Pieces& payload = {}) {
+void send_segment(TunFlow& flow, TcpFields fields, const Pieces& payload = {},
+                  const PayloadSum& sum = {}) {
   flow.told_window = static_cast<std::uint16_t>(window_of(flow));
   fields.sequence = flow.next_sent;
   fields.acknowledgement = flow.next_expected;
   fields.window = flow.told_window;
   HeaderBuffer buffer;
-  write_packet(build_tcp(buffer, flow.to_client, fields, payload), payload);
+  write_packet(build_tcp(buffer, flow.to_client, fields, sum), payload);
+}
+
+void send_summed(TunFlow& flow, const Pieces& payload, const PayloadSum& sum) {
+  send_segment(flow, {.flags = TcpFlag::psh | TcpFlag::ack, .mss = {}}, payload, sum);
+  flow.next_sent += static_cast<std::uint32_t>(sum.size);
+  flow.client_window = 0;
+  flow.acknowledged = false;
+  if (sum.size >= large_segment) short_wait.begin(monotonic_us());
+  if (!flow.fading.linked) fade(flow);  // until it is acknowledged: the client may be gone
 }
 
 // Of the MTU; one that leaves no room gives a number that wrapped, which the
@@ -78,20 +92,28 @@ std::size_t segment_limit(const TunFlow& flow) {
 }
 
 void send_payload(TunFlow& flow, const Pieces& payload) {
-  send_segment(flow, {.flags = TcpFlag::psh | TcpFlag::ack, .mss = {}}, payload);
-  flow.next_sent += static_cast<std::uint32_t>(payload[0].size() + payload[1].size());
-  flow.client_window = 0;
-  flow.acknowledged = false;
-  if (!flow.fading.linked) fade(flow);  // until it is acknowledged: the client may be gone
+  send_summed(flow, payload, sum_up(payload));
 }
 
-void send_waiting(TunFlow& flow) {
+std::size_t send_waiting(TunFlow& flow) {
   const std::size_t count = std::min(flow.unsent.size(), segment_limit(flow));
-  if (count == 0) return;
-  send_payload(flow, flow.unsent.front(count));
+  if (count == 0) return 0;
+  const Pieces payload = flow.unsent.front(count);
+  send_summed(flow, payload, flow.next_payload.size == count ? flow.next_payload : sum_up(payload));
+  flow.next_payload = {};
   flow.unsent.consume(count);
   if (flow.unsent.empty()) take_back_send_buffer(flow);
+  return count;
 }
+
+void settle(TunFlow& flow, const TcpSegment& segment) {
+  flow.next_sent = segment.acknowledgement;
+  flow.client_window = segment.window;
+  flow.acknowledged = true;
+  short_wait.end();
+}
+
+bool tun_awaits_answer() { return short_wait.goes_on() && short_wait.goes_on_at(monotonic_us()); }
 
 void send_reset(TunFlow& flow) {
   send_segment(flow, {.flags = TcpFlag::rst | TcpFlag::ack, .mss = {}});

@@ -9,6 +9,7 @@
 namespace vrox::tun {
 
 constexpr std::size_t max_window = 65535;  // what a header can tell
+constexpr std::size_t large_segment = max_window / 2;
 
 // A packet that the device refuses is lost, and its connection stalls until the
 // client gives it up.
@@ -24,8 +25,10 @@ void send_reset(TunFlow& flow);
 [[nodiscard]] std::size_t segment_limit(const TunFlow& flow);
 // At most that, and something.
 void send_payload(TunFlow& flow, const Pieces& payload);
-// As much as may be sent of what waits.
-void send_waiting(TunFlow& flow);
+// As much as may be sent of what waits. The bytes that were sent.
+std::size_t send_waiting(TunFlow& flow);
+// The segment acknowledges everything.
+void settle(TunFlow& flow, const TcpSegment& segment);
 
 // After a read: a client that was told of no room is told when there is some.
 void tell_window(TunFlow& flow);

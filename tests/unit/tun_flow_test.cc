@@ -59,7 +59,7 @@ class Link {
   void put(const Route& route, const TcpFields& fields, std::string_view payload = {}) {
     const Bytes bytes{reinterpret_cast<const std::uint8_t*>(payload.data()), payload.size()};
     HeaderBuffer buffer;
-    const Bytes header = build_tcp(buffer, route, fields, {bytes, {}});
+    const Bytes header = build_tcp(buffer, route, fields, sum_up({bytes, {}}));
     Octets packet(header.begin(), header.end());
     packet.insert(packet.end(), bytes.begin(), bytes.end());
     EXPECT_GT(::send(ends_[1], packet.data(), packet.size(), 0), 0);

@@ -115,7 +115,8 @@ TEST(TunPacket, HeadersByteForByte) {
     const Bytes all = octets(c.payload);
     for (std::size_t split = 0; split <= all.size(); ++split) {
       const Pieces pieces{all.first(split), all.subspan(split)};
-      EXPECT_EQ(to_hex(build_tcp(buffer, c.route, c.fields, pieces)), c.header) << c.why << split;
+      EXPECT_EQ(to_hex(build_tcp(buffer, c.route, c.fields, sum_up(pieces))), c.header)
+          << c.why << split;
     }
   }
   EXPECT_EQ(to_hex(build_udp(buffer, route(ip_v4, 53, 40001), octets("abc"))),
