@@ -7,7 +7,7 @@ import subprocess
 
 import pytest
 
-from lib import conf
+from lib import conf, tun
 from lib.daemon import BIN, SANITIZED, UID, status_of
 from lib.net import exchange
 from lib.wait import until
@@ -128,6 +128,7 @@ def test_descriptor_limit(vrox):
     "text, out",
     [
         ("", r"11\n"),
+        (tun.section(), r"(.*\n)*11\n"),
         # Only TCP, DNS and httpUDP are waited for; what is left ends with the main thread.
         (conf.socks5(), r"11\n"),
         (conf.rule("a", "tcpProxy = m", "tcpProxy = n", "tcpProxy = m", "dst_port = 1")

@@ -93,11 +93,6 @@ def test_set_up_failures_abort(tmp_path, lines, line, condition):
     assert len(done.stderr.splitlines()) == 2, "and the system's error text"
 
 
-def test_a_configuration_with_a_device_alone_ends(run_vrox):
-    status, out, _ = run_vrox(conf=tun.section())
-    assert (status, out.split()[-1]) == (0, "11")
-
-
 # ---- flows --------------------------------------------------------------------------
 
 

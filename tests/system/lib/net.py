@@ -6,6 +6,7 @@ Everything is on the loopback device: 10.77.0.0/16 and fd77::/16 are local, and
 import contextlib
 import ctypes
 import os
+import select
 import socket
 import struct
 import subprocess
@@ -95,6 +96,13 @@ def silent(conn, seconds=QUIET):
         return True
     finally:
         conn.settimeout(DEADLINE)
+
+
+def first_readable(*socks):
+    """The first of them that has bytes, an end, or a connection to accept."""
+    ready = select.select(socks, [], [], DEADLINE)[0]
+    assert ready, "nothing comes anywhere"
+    return ready[0]
 
 
 def ended(conn):
