@@ -6,7 +6,6 @@ import signal
 import socket
 import stat
 import struct
-import subprocess
 import threading
 import time
 
@@ -15,10 +14,10 @@ import pytest
 from lib import conf, far_end, quick, socks5
 from lib.conf import AGENT, PASSWORD, dns_global
 from lib.daemon import DNS_PORT, alive
-from lib.dns import A, AAAA, dnsmasq, question_of, reply_to
-from lib.net import family_of, port_of, read_exactly, read_until, reset, silent
+from lib.dns import A, AAAA, question_of, reply_to
+from lib.net import family_of, listeners, port_of, read_exactly, read_until, reset, silent
 from lib.udp_tunnel import udp
-from lib.wait import DEADLINE, QUIET, until
+from lib.wait import DEADLINE, until
 
 MX, TXT = 15, 16
 
@@ -419,18 +418,6 @@ def test_socks5_upstream(net, vrox, client):
         assert client.receive() == reply_to(query, [])
 
 
-def test_dig_through_to_a_real_server(net, vrox):
-    dnsmasq(net, 5353, "--address=/host.test/192.0.2.80", "--address=/host.test/2001:db8::80",
-            "--mx-host=host.test,mail.test,10")
-    vrox(dns_global("cachePath = cache") + over_tcp(5353))
-    # A fixed cookie: a random one would make every query another one.
-    dig = ["dig", "-p", str(DNS_PORT), "+short", "+tries=1", "+timeout=10", "+nocookie", "host.test"]
-    for server in "@127.0.0.1", "@fd77::3:4":
-        for kind, text in ("A", "192.0.2.80"), ("AAAA", "2001:db8::80"), ("MX", "10 mail.test."):
-            shown = subprocess.run([*dig, server, kind], capture_output=True, text=True, check=True).stdout
-            assert shown.split("\n")[0] == text
-
-
 # The cache
 
 
@@ -463,8 +450,9 @@ def test_which_replies_are_kept(net, vrox, client):
         names.asked.clear()
 
 
-def test_cache_file(net, vrox, client):
-    """Created with mode 0666, written at exit newest first, read at the next start."""
+@pytest.mark.parametrize("name", ["SIGTERM", "SIGUSR1", "SIGSEGV"])
+def test_cache_file(net, vrox, client, name):
+    """Created with mode 0666, written at every end newest first, read at the next start."""
     names = TcpNames(net)
     daemon = vrox(dns_global("cachePath = cache") + over_tcp(names.port))
     path = daemon.directory / "cache"
@@ -473,26 +461,14 @@ def test_cache_file(net, vrox, client):
     replies = [client.ask(query) for query in queries]
     client.ask(query_for("n1.example", ident=99))  # the stored reply takes its identifier
     replies[1] = struct.pack(">H", 99) + replies[1][2:]
-    daemon.stop()
+    daemon.signal(getattr(signal, name))
+    assert daemon.wait() == 0
     assert path.read_bytes() == b"".join(record(q, r) for q, r in reversed(list(zip(queries, replies))))
 
-    again = vrox(dns_global(f"cachePath = {path}") + over_tcp(names.port))
+    vrox(dns_global(f"cachePath = {path}") + over_tcp(names.port))
     for query, reply in zip(queries, replies):
         assert client.ask(query) == query[:2] + reply[2:]
     assert len(names.asked) == 3
-    again.stop()
-    # Loading turned the order round.
-    assert path.stat().st_size == sum(len(record(q, r)) for q, r in zip(queries, replies))
-
-
-@pytest.mark.parametrize("name", ["SIGINT", "SIGUSR1", "SIGSEGV"])
-def test_every_end_saves_the_cache(net, vrox, client, name):
-    daemon = vrox(dns_global("cachePath = cache") + over_tcp(TcpNames(net).port))
-    query = query_for("www.example")
-    reply = client.ask(query)
-    daemon.signal(getattr(signal, name))
-    assert daemon.wait() == 0
-    assert (daemon.directory / "cache").read_bytes() == record(query, reply)
 
 
 @pytest.mark.parametrize("signals, between", [
@@ -528,38 +504,23 @@ def test_cache_of_workers(net, vrox, client, signals, between):
 
 
 @quick.needed
-def test_graceful_stop_answers_what_is_open_or_waits_for_a_slot(net, vrox):
+@pytest.mark.parametrize("slots, count", [(1, 3), (9, 1)])
+def test_graceful_stop_answers_what_is_open_or_waits_for_a_slot(net, vrox, slots, count):
     names = TcpNames(net)
     names.respond = names.answer_later
-    daemon = vrox(dns_global("max_sessions = 1") + over_tcp(names.port), binary=quick.SWEEP_BIN)
-    clients = [Client(net) for _ in range(3)]
-    queries = [query_for(f"n{i}.example") for i in range(3)]
-    for client, query in zip(clients, queries):
+    daemon = vrox(dns_global(f"max_sessions = {slots}") + over_tcp(names.port), binary=quick.SWEEP_BIN)
+    queries = {query_for(f"n{i}.example"): Client(net) for i in range(count)}
+    for query, client in queries.items():
         client.send(query)
     until(lambda: names.asked, "the first one is looked up")
     daemon.signal(signal.SIGUSR1)
-    time.sleep(QUIET)
+    if slots > count:  # nobody waits: the port is for the next instance
+        until(lambda: ("::", DNS_PORT) not in listeners("udp"), "the listener is closed")
     names.gate.set()
-    for client, query in zip(clients, queries):
+    for query, client in queries.items():
         assert client.receive() == reply_to(query, ["192.0.2.1"])
     assert daemon.wait() == 0
-    assert len(names.asked) == 3
-
-
-@quick.needed
-def test_graceful_stop_takes_no_more_queries(net, vrox, client):
-    names = TcpNames(net)
-    names.respond = names.answer_later
-    daemon = vrox(dns_global() + over_tcp(names.port), binary=quick.SWEEP_BIN)
-    query = query_for("open.example")
-    client.send(query)
-    until(lambda: names.asked, "the query is looked up")
-    daemon.signal(signal.SIGUSR1)
-    time.sleep(QUIET)
-    with pytest.raises(ConnectionRefusedError):  # the port is for the next instance
-        Client(net).ask(query_for("late.example"))
-    names.gate.set()
-    assert client.receive() == reply_to(query, ["192.0.2.1"])
+    assert len(names.asked) == count
 
 
 @quick.needed
@@ -575,7 +536,7 @@ def test_idle_queries_are_swept(net, vrox, client):
     vrox(dns_global("max_sessions = 1", "timeout = 2") + over_tcp(names.port), binary=quick.SWEEP_BIN)
     begun = time.monotonic()
     client.send(query_for("stalls.example"))
-    assert closed.wait(DEADLINE) and 1.7 <= time.monotonic() - begun <= 5
+    assert closed.wait(DEADLINE) and time.monotonic() - begun >= 1.5
     names.respond = names.answer
     assert client.is_served()
     assert silent(kept)
