@@ -1,6 +1,8 @@
 // What upstream proxies answer, in pieces: each is a length byte and that many
 // bytes. The first byte chooses the handshake. Nothing is read behind a reply.
 #include <netinet/in.h>
+#include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -61,13 +63,18 @@ class Connection {
   }
 };
 
-std::size_t unread(int fd) {
-  std::array<char, 1024> bytes{};
-  std::size_t total = 0;
-  for (ssize_t got = 0; (got = recv(fd, bytes.data(), bytes.size(), MSG_DONTWAIT)) > 0;) {
-    total += static_cast<std::size_t>(got);
-  }
-  return total;
+std::size_t waiting(int fd) {
+  int count = 0;
+  check(ioctl(fd, FIONREAD, &count) == 0);
+  return static_cast<std::size_t>(count);
+}
+
+// Sends a piece and sees it arrive: many small ones wait for an acknowledgement.
+void say(const Connection& connection, const std::string& piece) {
+  const std::size_t due = waiting(connection.upstream.fd) + piece.size();
+  check(send(connection.proxy, piece.data(), piece.size(), 0) ==
+        static_cast<ssize_t>(piece.size()));
+  while (waiting(connection.upstream.fd) < due) (void)poll(nullptr, 0, 1);
 }
 
 // How much of what a SOCKS5 proxy says belongs to the handshake.
@@ -112,14 +119,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string piece(data + at + 1, data + at + 1 + length);
     at += 1 + length;
     if (piece.empty()) continue;
-    check(send(connection.proxy, piece.data(), length, 0) == static_cast<ssize_t>(length));
+    say(connection, piece);
     said += piece;
     result = step();
   }
   check(result != Handshake::writable);
   if (result == Handshake::done) {
-    check_end(said, said.size() - unread(connection.upstream.fd), tunnel, has_login);
+    check_end(said, said.size() - waiting(connection.upstream.fd), tunnel, has_login);
     check(step() == Handshake::done);
+  } else if (result == Handshake::readable) {  // an end in the middle
+    pollfd ended{.fd = connection.upstream.fd, .events = POLLRDHUP, .revents = 0};
+    check(shutdown(connection.proxy, SHUT_WR) == 0 && poll(&ended, 1, 5000) == 1);
+    check(step() == Handshake::failed);
   }
   return 0;
 }
