@@ -58,34 +58,25 @@ TEST(DnsMessage, OnlyAddressesOfTheWantedTypeCount) {
   const struct {
     const char* why;
     std::string message;
-    std::uint16_t type;
     int found;
-    std::string first;
+    std::string last = {};
   } cases[] = {
-      {"all of a kind", answer(a1 + aaaa + a2, 3), type_a, 2, "\1\2\3\4"},
-      {"behind an alias", answer(cname + a2 + a1, 3), type_a, 2, "\5\6\7\x8"},
-      {"class CH", answer(record(pointer, 1, "\1\2\3\4", 3) + a2, 2), type_a, 1, "\5\6\7\x8"},
-      {"the root as owner", answer(record("\0"s, 1, "\1\2\3\4"), 1), type_a, 1, "\1\2\3\4"},
-      {"an A record of three bytes", answer(a1 + record(pointer, 1, "\1\2\3"), 2), type_a, -1, ""},
-      {"more records told than there are", answer(a1, 2), type_a, -1, ""},
-      {"an owner that points at itself", answer(record("\xc0\x1d"s, 1, "\1\2\3\4"), 1), type_a, -1,
-       ""},
+      {"all of a kind", answer(a1 + aaaa + a2, 3), 2, "\5\6\7\x8"},
+      {"behind an alias", answer(cname + a2 + a1, 3), 2, "\1\2\3\4"},
+      {"class CH", answer(record(pointer, 1, "\1\2\3\4", 3) + a2, 2), 1, "\5\6\7\x8"},
+      {"the root as owner", answer(record("\0"s, 1, "\1\2\3\4"), 1), 1, "\1\2\3\4"},
+      {"an A record of three bytes", answer(a1 + record(pointer, 1, "\1\2\3"), 2), -1},
+      {"more records told than there are", answer(a1, 2), -1},
+      {"an owner that points at itself", answer(record("\xc0\x1d"s, 1, "\1\2\3\4"), 1), -1},
       {"owners that point at each other", answer(record("\xc0\x1f\xc0\x1d"s, 1, "\1\2\3\4"), 1),
-       type_a, -1, ""},
-      {"a query is no answer", query("www.example"), type_a, -1, ""},
+       -1},
+      {"a query is no answer", query("www.example"), -1},
   };
   for (const auto& c : cases) {
-    std::vector<ResolvedAddress> list(1);
-    EXPECT_EQ(decode_answer(bytes_of(c.message), c.type, list), c.found) << c.why;
-    ASSERT_EQ(list.size(), 1U + static_cast<unsigned>(std::max(c.found, 0))) << c.why;
-    const auto first = first_address(bytes_of(c.message), c.type);
-    ASSERT_EQ(first.has_value(), c.found > 0) << c.why;
-    if (!first) continue;
-    EXPECT_EQ(first->type, c.type) << c.why;
-    EXPECT_EQ(std::string(first->bytes.begin(), first->bytes.end()).substr(0, c.first.size()),
-              c.first)
-        << c.why;
-    EXPECT_EQ(list[1].bytes, first->bytes) << c.why;
+    std::vector<ResolvedAddress> list;
+    EXPECT_EQ(decode_answer(bytes_of(c.message), type_a, list), c.found) << c.why;
+    EXPECT_EQ(list.size(), static_cast<unsigned>(std::max(c.found, 0))) << c.why;
+    EXPECT_EQ(list.empty() ? "" : text_of(list.back().bytes).substr(0, 4), c.last) << c.why;
   }
 }
 
