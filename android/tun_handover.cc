@@ -13,7 +13,8 @@
 //   }
 //
 // It never closes the connection, so that its end here tells when the daemon has
-// ended. SOCKET stays behind then, and has to be removed before the next start.
+// ended. SOCKET stays behind then, and has to be removed before the next start of
+// either; which of the two starts first does not matter.
 
 #include <fcntl.h>
 #include <linux/if_tun.h>
@@ -26,6 +27,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 
 namespace {
 
@@ -46,7 +48,12 @@ int open_tun(const char* name) {
   return -1;
 }
 
+bool is_not_there_yet(int error) { return error == ENOENT || error == ECONNREFUSED; }
+
+// Waits for a daemon that is about to start.
 int connect_to(const char* path) {
+  constexpr int attempts = 200;
+  constexpr timespec between{0, 50'000'000};
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (std::strlen(path) >= sizeof address.sun_path) {
@@ -56,8 +63,14 @@ int connect_to(const char* path) {
   std::strcpy(address.sun_path, path);
   const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd == -1) return -1;
-  if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return fd;
+  for (int i = 0; i < attempts; ++i) {
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return fd;
+    if (!is_not_there_yet(errno)) break;
+    (void)nanosleep(&between, nullptr);
+  }
+  const int reason = errno;
   (void)close(fd);
+  errno = reason;
   return -1;
 }
 

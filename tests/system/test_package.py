@@ -136,7 +136,7 @@ def test_a_device_that_is_handed_over(net, vrox, tmp_path):
     tun.ip("tuntap add mode tun dev tun3", "addr add 10.5.5.5 dev tun3", "link set tun3 mtu 1400 up")
     path = tmp_path / "socket"
     said = open(tmp_path / "said", "w+")
-    net.spawn(lambda: (until(path.exists, "the daemon waits"), net.program(program, path, "tun3", stdout=said)))
+    net.program(program, path, "tun3", stdout=said)
     daemon = vrox(tun.configuration(f"unix_path = {path}"))
     for key, value in (("tun3.accept_local", 1), ("tun3.rp_filter", 0), ("all.rp_filter", 0)):
         sysctl("net.ipv4.conf." + key, value)
