@@ -57,14 +57,6 @@ class ConfigurationTest : public testing::Test {
     socks5::global = {};
     timeout_mask = 0;
   }
-
-  // The names of a list of rules or modules, each with a blank behind it.
-  template <class T>
-  static std::string names(const List<T>& list) {
-    std::string text;
-    for (const T& element : list) text.append(element.name).append(" ");
-    return text;
-  }
 };
 
 }  // namespace vrox
