@@ -1,10 +1,10 @@
 """UDP over HTTP: both listeners, the tunnels, and a far end that knows the wire and nothing else."""
-import contextlib
 import random
 import signal
 import socket
 import struct
 import subprocess
+import threading
 import time
 
 import pytest
@@ -12,11 +12,9 @@ import pytest
 from lib import conf, quick, socks5
 from lib.conf import AGENT, PASSWORD
 from lib.daemon import alive
-from lib.dns import dnsmasq
 from lib.net import admit_fast_open, bytewise, came_in_syn, ended, listeners, port_of, read_exactly, reset, silent
-from lib.udp_tunnel import (OK, RELAY_PORT, TPROXY_PORT, Tunnel, frame, header, parse, transparent,
-                            udp)
-from lib.wait import until
+from lib.udp_tunnel import (OK, RELAY_PORT, TPROXY_PORT, Tunnel, frame, header, transparent, udp)
+from lib.wait import DEADLINE, until
 
 CIPHERS = pytest.mark.parametrize("password", [None, PASSWORD], ids=["plain", "enciphered"])
 SERVICE, SERVICE6 = ("198.51.100.5", 4000), ("2001:db8::5", 4000)
@@ -114,8 +112,6 @@ def test_requests_that_cannot_be_made(run_vrox, vrox, far):
     assert run_vrox(conf=text) == (1, "1\n", "httpUDP request creation failed\n")
     daemon = vrox(conf.tcp_global() + conf.section("httpUDP", f"udp_socks5_listen = :::{RELAY_PORT}"))
     assert daemon.out == ""  # no destination, no service
-    daemon.signal(signal.SIGUSR1)
-    assert daemon.wait() == 0
 
 
 def test_the_request_follows_captured_headers(net, vrox, far):
@@ -317,26 +313,31 @@ def test_order_and_boundaries(net, vrox, far):
     count, rng = 4000, random.Random(3)
     sizes = [rng.choice([4, 20, 64, 500, 1400, 3000]) for _ in range(count)]
     datagrams = [struct.pack("=I", i) + bytes([i & 0xFF]) * (size - 4) for i, size in enumerate(sizes)]
+    # No more at a time than any socket keeps: a slow reader loses nothing.
+    room_up, room_down = threading.Semaphore(32), threading.Semaphore(32)
 
     def upload():
-        for i, datagram in enumerate(datagrams):
+        for datagram in datagrams:
+            room_up.acquire(timeout=DEADLINE)
             client.send(datagram)
-            if i % 16 == 15:
-                time.sleep(0.002)
 
     def download():
-        for i in range(0, count, 16):
-            tunnel.send(*(client.header + datagram for datagram in datagrams[i:i + 16]))
-            time.sleep(0.002)
+        for datagram in datagrams:
+            room_down.acquire(timeout=DEADLINE)
+            tunnel.send(client.header + datagram)
 
-    net.spawn(upload)
-    net.spawn(download)
-    got = []
-    reader = net.spawn(lambda: got.extend(client.receive() for _ in range(count)))
+    def read():
+        for datagram in datagrams:
+            assert client.receive() == datagram
+            room_down.release()
+
+    threads = [net.spawn(work) for work in (upload, download, read)]
     for datagram in datagrams:
         assert tunnel.read() == client.header + datagram
-    reader.join(30)
-    assert got == datagrams
+        room_up.release()
+    for thread in threads:
+        thread.join(3 * DEADLINE)
+        assert not thread.is_alive()
 
 
 @pytest.mark.parametrize("origin", ["transparent", "relay"])
@@ -439,7 +440,7 @@ def test_idle_tunnels(net, vrox, far):
     (idle, tunnel), (busy, kept) = pair(net, far), pair(net, far)
     while tunnel.silent(0.2):
         ping(busy, kept)
-    assert 1.7 <= time.monotonic() - begun <= 5
+    assert time.monotonic() - begun >= 1.5
     ping(busy, kept)
     opened(net, far, idle, b"again")
 
@@ -495,28 +496,3 @@ def test_workers(net, vrox, far):
         tunnel.send(client.header + b"back")
         assert client.receive() == b"back"
     daemon.end_one(daemon.pids[0])
-
-
-def test_dig_through_the_transparent_path(net, vrox, far):
-    """A far end that sends datagrams to a real name server, and brings the replies back."""
-    dnsmasq(net, 5300, "--edns-packet-max=4096", "--address=/www.test/192.0.2.80",
-            "--txt-record=big.test," + ",".join(["x" * 250] * 5))
-
-    def serve(conn):
-        tunnel = Tunnel(conn)
-        names = udp(net, peer=("127.0.0.1", 5300))
-        with contextlib.suppress(AssertionError):  # the tunnel has ended
-            while datagram := tunnel.read():
-                payload = parse(datagram)[2]
-                names.send(payload)
-                tunnel.send(datagram[:len(datagram) - len(payload)] + names.recv(1 << 16))
-
-    vrox(http_udp(net.serve(serve)))
-
-    def dig(server, *what):
-        return subprocess.run(["dig", "+short", "+notcp", "+tries=1", "+time=10", f"@{server}", *what],
-                              capture_output=True, text=True, check=True).stdout
-
-    for server in "198.51.100.53", "2001:db8::53":
-        assert dig(server, "www.test") == "192.0.2.80\n"
-        assert dig(server, "+bufsize=4096", "big.test", "TXT").count("x") == 1250
