@@ -300,7 +300,7 @@ def test_restart_under_load(net, vrox, named, workers, restarts):
 
 @pytest.mark.parametrize("name", [
     "SIGTERM", "SIGUSR1",
-    pytest.param("SIGABRT", marks=pytest.mark.skipif(TSAN, reason="ThreadSanitizer handles it amid its own work"))])
+    pytest.param("SIGABRT", marks=pytest.mark.skipif(SANITIZED, reason="a sanitizer may hold a lock that its end needs"))])
 def test_signals_at_any_moment_of_start_up(net, tmp_path, name):
     """It ends, by default or as it does when it serves, and never hangs half started."""
     (tmp_path / "conf").write_text(conf.tcp_global("tcpProxy = direct") + conf.DIRECT + conf.socks5())
