@@ -1,25 +1,18 @@
-#include <arpa/inet.h>
+#include "tun/packet.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <string>
 #include <vector>
 
+#include "bytes.h"
 #include "event/loop.h"
-#include "tun/packet.h"
 
 namespace vrox::tun {
 namespace {
 
 using Octets = std::vector<std::uint8_t>;
-
-Octets from_hex(const std::string& text) {
-  Octets bytes;
-  for (std::size_t i = 0; i + 1 < text.size(); i += 2) {
-    bytes.push_back(static_cast<std::uint8_t>(std::stoul(text.substr(i, 2), nullptr, 16)));
-  }
-  return bytes;
-}
 
 std::string to_hex(Bytes bytes) {
   std::string text;
@@ -30,22 +23,12 @@ std::string to_hex(Bytes bytes) {
   return text;
 }
 
-Address address(const char* text) {
-  Address result{};
-  inet_pton(std::string_view(text).find(':') == std::string_view::npos ? AF_INET : AF_INET6, text,
-            result.data());
-  return result;
-}
-
 // From the server to the client.
 Route route(std::uint8_t version, std::uint16_t port, std::uint16_t client_port) {
   const bool v4 = version == ip_v4;
-  return {version, address(v4 ? "192.0.2.7" : "2001:db8::7"), address(v4 ? "10.5.5.1" : "fd00::1"),
-          htons(port), htons(client_port)};
-}
-
-Bytes octets(std::string_view text) {
-  return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
+  return {version, parse_address(v4 ? "192.0.2.7" : "2001:db8::7", 0)->uniform(),
+          parse_address(v4 ? "10.5.5.1" : "fd00::1", 0)->uniform(), htons(port),
+          htons(client_port)};
 }
 
 // RFC 1071 word by word, as the RFC tells it.
@@ -60,8 +43,9 @@ std::uint16_t reference_checksum(const Octets& bytes) {
 }
 
 TEST(TunChecksum, AgreesWithTheRfcAtEveryLengthAndSplit) {
-  EXPECT_EQ(ntohs(tun_checksum(from_hex("0001f203f4f5f6f7"))), 0x220d) << "RFC 1071, section 3";
-  EXPECT_EQ(tun_checksum(from_hex("ffff")), 0) << "a result of 0 stays 0";
+  EXPECT_EQ(ntohs(tun_checksum(bytes_of(from_hex("0001f203f4f5f6f7")))), 0x220d)
+      << "RFC 1071, section 3";
+  EXPECT_EQ(tun_checksum(bytes_of("\xff\xff")), 0) << "a result of 0 stays 0";
   Octets bytes;
   for (unsigned length = 0; length < 300; ++length) {
     ASSERT_EQ(tun_checksum(bytes), reference_checksum(bytes)) << "length " << length;
@@ -90,12 +74,6 @@ TEST(TunPacket, HeadersByteForByte) {
        "",
        "4500002c000000004006a9bfc00002070a050501"
        "01bb9c4000000000010203056012ffff2ae700000204ffd3"},
-      {"SYN-ACK over IPv6",
-       route(ip_v6, 443, 40000),
-       {.sequence = 0, .acknowledgement = 0x01020305, .flags = 0x12, .window = 65535, .mss = 65471},
-       "",
-       "600000000018064020010db8000000000000000000000007fd000000000000000000000000000001"
-       "01bb9c4000000000010203056012ffffd14600000204ffbf"},
       {"data, with an odd length",
        route(ip_v4, 443, 40000),
        {.sequence = 1, .acknowledgement = 0x01020305, .flags = 0x18, .window = 1234, .mss = {}},
@@ -112,17 +90,17 @@ TEST(TunPacket, HeadersByteForByte) {
   HeaderBuffer buffer;
   for (const auto& c : tcp) {
     buffer.fill(0xaa);
-    const Bytes all = octets(c.payload);
+    const Bytes all = bytes_of(c.payload);
     for (std::size_t split = 0; split <= all.size(); ++split) {
       const Pieces pieces{all.first(split), all.subspan(split)};
       EXPECT_EQ(to_hex(build_tcp(buffer, c.route, c.fields, sum_up(pieces))), c.header)
           << c.why << split;
     }
   }
-  EXPECT_EQ(to_hex(build_udp(buffer, route(ip_v4, 53, 40001), octets("abc"))),
+  EXPECT_EQ(to_hex(build_udp(buffer, route(ip_v4, 53, 40001), bytes_of("abc"))),
             "4500001f000000004011a9c1c00002070a0505010035"
             "9c41000bcdf1");
-  EXPECT_EQ(to_hex(build_udp(buffer, route(ip_v6, 53, 40001), octets("abc"))),
+  EXPECT_EQ(to_hex(build_udp(buffer, route(ip_v6, 53, 40001), bytes_of("abc"))),
             "60000000000b114020010db8000000000000000000000007fd000000000000000000000000000001"
             "00359c41000b743d");
 }
@@ -219,27 +197,19 @@ TEST(TunPacket, LengthsMustFit) {
 }
 
 TEST(TunPacket, UdpStandsBehindTheOptions) {
-  event::TunEvent event;
   Octets packet = client_packet(ip_v4, 8, 0);
-  packet[28] = 0x12;
-  packet[29] = 0x34;
-  packet[30] = 0;
-  packet[31] = 53;
+  std::copy_n("\x12\x34\0\x35", 4, packet.begin() + 28);
+  event::TunEvent event;
   ASSERT_TRUE(event::tun_parse_udp(udp_datagram, event, packet));
-  EXPECT_EQ(event.kind, 4);
   EXPECT_EQ(event.version(), ip_v4);
-  EXPECT_EQ(event.source_port_be, htons(0x1234));
-  EXPECT_EQ(event.destination_port_be, htons(53));
-  EXPECT_EQ(event.source, address("10.5.5.1"));
-  EXPECT_EQ(event.destination, address("192.0.2.7"));
+  EXPECT_EQ(ntohs(event.source_port_be), 0x1234);
+  EXPECT_EQ(ntohs(event.destination_port_be), 53);
+  EXPECT_EQ(event.source, route(ip_v4, 0, 0).destination);
+  EXPECT_EQ(event.destination, route(ip_v4, 0, 0).source);
   EXPECT_EQ(event.payload.data(), packet.data() + 36);
   EXPECT_EQ(event.payload.size(), packet.size() - 36);
-
-  const Octets cut(packet.begin(), packet.begin() + 35);
-  EXPECT_FALSE(event::tun_parse_udp(udp_datagram, event, cut));
-  ASSERT_TRUE(event::tun_parse_udp(0x40, event, client_packet(ip_v6, 0, 0)));
-  EXPECT_EQ(event.version(), ip_v6);
-  EXPECT_EQ(event.payload.size(), 12U);
+  packet.resize(35);
+  EXPECT_FALSE(event::tun_parse_udp(udp_datagram, event, packet));
 }
 
 }  // namespace
