@@ -27,34 +27,13 @@
 namespace {
 
 // In the order of KINDS in faults.py.
+// clang-format off
 enum Kind : std::uint32_t {
-  none,
-  k_socket,
-  k_connect,
-  k_accept,
-  k_epoll_add,
-  k_epoll_wait,
-  k_memory,
-  k_recv,
-  k_recvmmsg,
-  k_send,
-  k_sendmmsg,
-  k_splice,
-  k_pipe,
-  k_read,
-  k_write,
-  k_open,
-  k_socket_option,
-  k_socket_name,
-  k_bind,
-  k_listen,
-  k_mmap,
-  k_eventfd,
-  k_epoll_create,
-  k_fcntl,
-  k_poll,
-  kind_count
+  none, k_socket, k_connect, k_accept, k_epoll_add, k_epoll_wait, k_memory, k_recv, k_recvmmsg,
+  k_send, k_sendmmsg, k_splice, k_pipe, k_read, k_write, k_open, k_socket_option, k_socket_name,
+  k_bind, k_listen, k_mmap, k_eventfd, k_epoll_create, k_fcntl, k_poll, kind_count
 };
+// clang-format on
 
 // Shared with the test, which writes `kind` last.
 struct Page {
@@ -142,19 +121,36 @@ std::size_t cut(int fd, std::size_t size) {
 
 extern "C" {
 
-int socket(int domain, int type, int protocol) {
-  return fires(k_socket) ? fail() : REAL(socket)(domain, type, protocol);
-}
+#define FAILS(kind, type, name, parameters, arguments, ...) \
+  type name parameters __VA_ARGS__ { return fires(kind) ? fail() : REAL(name) arguments; }
+FAILS(k_socket, int, socket, (int domain, int type, int protocol), (domain, type, protocol))
+FAILS(k_accept, int, accept4, (int fd, sockaddr* address, socklen_t* length, int flags),
+      (fd, address, length, flags))
+FAILS(k_epoll_wait, int, epoll_wait, (int epoll_fd, epoll_event* events, int most, int timeout),
+      (epoll_fd, events, most, timeout))
+FAILS(k_pipe, int, pipe2, (int* ends, int flags), (ends, flags), noexcept)
+FAILS(k_read, ssize_t, read, (int fd, void* bytes, size_t size), (fd, bytes, size))
+FAILS(k_write, ssize_t, writev, (int fd, const iovec* parts, int count), (fd, parts, count))
+FAILS(k_socket_option, int, setsockopt,
+      (int fd, int level, int name, const void* value, socklen_t length),
+      (fd, level, name, value, length), noexcept)
+FAILS(k_socket_option, int, getsockopt,
+      (int fd, int level, int name, void* value, socklen_t* length),
+      (fd, level, name, value, length), noexcept)
+FAILS(k_socket_name, int, getsockname, (int fd, sockaddr* address, socklen_t* length),
+      (fd, address, length), noexcept)
+FAILS(k_bind, int, bind, (int fd, const sockaddr* address, socklen_t length), (fd, address, length),
+      noexcept)
+FAILS(k_listen, int, listen, (int fd, int backlog), (fd, backlog), noexcept)
+FAILS(k_eventfd, int, eventfd, (unsigned value, int flags), (value, flags), noexcept)
+FAILS(k_epoll_create, int, epoll_create, (int size), (size), noexcept)
+FAILS(k_poll, int, poll, (pollfd * asked, nfds_t count, int timeout), (asked, count, timeout))
 
 // An interrupted one goes on in the kernel (POSIX, connect).
 int connect(int fd, const sockaddr* address, socklen_t length) {
   if (!fires(k_connect)) return REAL(connect)(fd, address, length);
   if (page->error.load() == EINTR) (void)REAL(connect)(fd, address, length);
   return fail();
-}
-
-int accept4(int fd, sockaddr* address, socklen_t* length, int flags) {
-  return fires(k_accept) ? fail() : REAL(accept4)(fd, address, length, flags);
 }
 
 // Only an addition takes memory: changing and taking out always succeed.
@@ -171,10 +167,6 @@ int epoll_ctl(int epoll_fd, int operation, int fd, epoll_event* event) noexcept 
 int close(int fd) {
   if (fd >= 0 && fd < max_fds) registrations[static_cast<std::size_t>(fd)] = {};
   return REAL(close)(fd);
-}
-
-int epoll_wait(int epoll_fd, epoll_event* events, int most, int timeout) {
-  return fires(k_epoll_wait) ? fail() : REAL(epoll_wait)(epoll_fd, events, most, timeout);
 }
 
 ssize_t recv(int fd, void* bytes, size_t size, int flags) {
@@ -212,14 +204,6 @@ ssize_t splice(int in, loff_t* in_at, int out, loff_t* out_at, size_t size, unsi
   return REAL(splice)(in, in_at, out, out_at, cut(socket_fd, size), flags);
 }
 
-int pipe2(int* ends, int flags) noexcept {
-  return fires(k_pipe) ? fail() : REAL(pipe2)(ends, flags);
-}
-
-ssize_t read(int fd, void* bytes, size_t size) {
-  return fires(k_read) ? fail() : REAL(read)(fd, bytes, size);
-}
-
 // What the daemon asks of the kernel past the C library: packets, and input that
 // nobody wants.
 long syscall(long number, ...) noexcept {
@@ -243,10 +227,6 @@ long syscall(long number, ...) noexcept {
 ssize_t write(int fd, const void* bytes, size_t size) {
   return size != sizeof(std::uint64_t) && fires(k_write) ? fail() : REAL(write)(fd, bytes, size);
 }
-ssize_t writev(int fd, const iovec* parts, int count) {
-  return fires(k_write) ? fail() : REAL(writev)(fd, parts, count);
-}
-
 int open(const char* path, int flags, ...) {
   va_list rest;
   va_start(rest, flags);
@@ -260,30 +240,6 @@ FILE* fopen(const char* path, const char* mode) {
   return nullptr;
 }
 
-int setsockopt(int fd, int level, int name, const void* value, socklen_t length) noexcept {
-  return fires(k_socket_option) ? fail() : REAL(setsockopt)(fd, level, name, value, length);
-}
-int getsockopt(int fd, int level, int name, void* value, socklen_t* length) noexcept {
-  return fires(k_socket_option) ? fail() : REAL(getsockopt)(fd, level, name, value, length);
-}
-int getsockname(int fd, sockaddr* address, socklen_t* length) noexcept {
-  return fires(k_socket_name) ? fail() : REAL(getsockname)(fd, address, length);
-}
-int bind(int fd, const sockaddr* address, socklen_t length) noexcept {
-  return fires(k_bind) ? fail() : REAL(bind)(fd, address, length);
-}
-int listen(int fd, int backlog) noexcept {
-  return fires(k_listen) ? fail() : REAL(listen)(fd, backlog);
-}
-int eventfd(unsigned value, int flags) noexcept {
-  return fires(k_eventfd) ? fail() : REAL(eventfd)(value, flags);
-}
-int epoll_create(int size) noexcept {
-  return fires(k_epoll_create) ? fail() : REAL(epoll_create)(size);
-}
-int poll(pollfd* asked, nfds_t count, int timeout) {
-  return fires(k_poll) ? fail() : REAL(poll)(asked, count, timeout);
-}
 int fcntl(int fd, int command, ...) {
   va_list rest;
   va_start(rest, command);
@@ -300,34 +256,20 @@ void* mmap(void* at, size_t size, int protection, int flags, int fd, off_t offse
   return MAP_FAILED;
 }
 
-// While the next definitions are looked up, the C library's own must do.
 extern void* __libc_malloc(size_t size);
 extern void* __libc_calloc(size_t count, size_t size);
+extern void* __libc_realloc(void* old, size_t size);
 
-void* malloc(size_t size) noexcept {
-  static thread_local bool looking = false;
-  if (looking) return __libc_malloc(size);
-  looking = true;
-  static auto* real = next(&malloc, "malloc");
-  looking = false;
-  if (!fires(k_memory)) return real(size);
+void* no_memory() {
   errno = ENOMEM;
   return nullptr;
 }
+void* malloc(size_t size) noexcept { return fires(k_memory) ? no_memory() : __libc_malloc(size); }
 void* calloc(size_t count, size_t size) noexcept {
-  static thread_local bool looking = false;
-  if (looking) return __libc_calloc(count, size);
-  looking = true;
-  static auto* real = next(&calloc, "calloc");
-  looking = false;
-  if (!fires(k_memory)) return real(count, size);
-  errno = ENOMEM;
-  return nullptr;
+  return fires(k_memory) ? no_memory() : __libc_calloc(count, size);
 }
 void* realloc(void* old, size_t size) noexcept {
-  if (!fires(k_memory)) return REAL(realloc)(old, size);
-  errno = ENOMEM;
-  return nullptr;
+  return fires(k_memory) ? no_memory() : __libc_realloc(old, size);
 }
 #endif
 

@@ -8,15 +8,19 @@ import pytest
 
 from lib import far_end, socks5
 from lib.daemon import BIN
-from lib.dns import A, Names, question_of, reply_to
+from lib.dns import A, Names, answer_over_tcp
 from lib.net import ended, exchange, listeners, read_all, read_exactly, read_until
 from lib.udp_tunnel import Tunnel, header, udp
 from lib.wait import until
-from lib.world import World
+from lib.world import World, privileged, resolve
 
 EXAMPLES = Path(__file__).parents[2] / "examples"
 SITE, PASSWORD = "198.51.100.7", b"correct horse"
 COMMAND = re.compile(r"^(?:// *| *// *)(?:setpriv .*)?(vrox(?:-redirect)?) (.*)$", re.M)
+
+
+def _names(conn):
+    answer_over_tcp(conn, {"www.example.com": "192.0.2.99"})
 
 
 @pytest.fixture
@@ -24,47 +28,33 @@ def world(net):
     """The servers that every example relies on: names and a web site."""
     world = net.keep(World())
     with world:
-        net.serve(_answer_over_tcp, "192.0.2.53", 53)
+        net.serve(_names, "192.0.2.53", 53)
         Names(net, {("www.example.com", A): [SITE]}, "192.0.2.53")
         world.site = net.listen(SITE, 80)
     return world
 
 
-def _answer_over_tcp(conn):
-    query = read_exactly(conn, int.from_bytes(read_exactly(conn, 2), "big"))
-    reply = reply_to(query, ["192.0.2.99"] if question_of(query) == ("www.example.com", A) else [])
-    conn.sendall(len(reply).to_bytes(2, "big") + reply)
-
-
 @pytest.fixture
 def example(vrox, tmp_path):
-    """Runs the commands of an example's head; returns the daemon."""
+    """Runs the commands of an example's head."""
 
     def start(name):
         text = (EXAMPLES / f"{name}.conf").read_text()
         if name == "quickstart":
-            return vrox(text)
+            vrox(text)
+            return
         # Of two ways to run it the later one is shown here; it does all that the first one does.
         commands = dict(COMMAND.findall(text.split("{")[0]))
         options = [word for word in commands["vrox"].split() if word not in ("-c", f"{name}.conf")]
-        privileged = tmp_path / "vrox"
-        privileged.write_text(f'#!/bin/sh\nexec setpriv --securebits +no_setuid_fixup "{BIN}" "$@"\n')
-        privileged.chmod(0o755)
-        daemon = vrox(text, *options, binary=privileged if "setpriv" in text else BIN)
+        vrox(text, *options, binary=privileged(tmp_path) if "setpriv" in text else BIN)
         if "vrox-redirect" in commands:
             subprocess.run([EXAMPLES.parent / "tools/vrox-redirect", *commands["vrox-redirect"].split()], check=True)
-        return daemon
 
     return start
 
 
 def through_socks(net, name="www.example.com", port=80, **options):
     return socks5.connect(net, name, port, proxy_port=1080, **options)
-
-
-def resolve(name="www.example.com", server="192.0.2.1", port=53):
-    command = ["dig", "+short", "+noedns", "+tries=1", "+time=5", "-p", str(port), f"@{server}", name, "A"]
-    return subprocess.run(command, capture_output=True, text=True).stdout.strip()
 
 
 def opens(net, client, listener):
@@ -74,12 +64,6 @@ def opens(net, client, listener):
     assert read_exactly(server, 1) == b"\x01"
     exchange(client, server)
     return server
-
-
-def refused(net, *address):
-    conn = net.connect(*address)
-    conn.sendall(b"\x01")
-    return ended(conn)
 
 
 # ---- what each one is for ---------------------------------------------------------
@@ -94,10 +78,10 @@ def transparent(net, world):
     client = net.connect(SITE, 80)
     client.sendall(b"GET / HTTP/1.1\r\nHost: www.example.com\r\n\r\n")
     assert read_until(net.accept(world.site), b"\r\n\r\n").startswith(b"GET / ")
-    assert refused(net, SITE, 23)
-    other = net.connect(SITE, 80)
-    other.sendall(b"GET / HTTP/1.1\r\nHost: x.ads.example.net\r\n\r\n")
-    assert ended(other)
+    for port, first in (23, b"\x01"), (80, b"GET / HTTP/1.1\r\nHost: x.ads.example.net\r\n\r\n"):
+        client = net.connect(SITE, port)
+        client.sendall(first)
+        assert ended(client)
     assert resolve() == "192.0.2.99"
 
 
@@ -149,7 +133,7 @@ def dns(net, world):
 
     with world:
         net.serve(lookup, "192.0.2.80", 80)
-        net.serve(_answer_over_tcp, "192.0.2.54", 53)
+        net.serve(_names, "192.0.2.54", 53)
     assert resolve("www.example.org", "127.0.0.1", 1153) == "192.0.2.98"
     assert resolve("www.example.net", "127.0.0.1", 1153) == ""  # an answer without an address
 

@@ -9,7 +9,7 @@ import pytest
 
 from lib import conf, tun
 from lib.daemon import BIN
-from lib.net import exchange, sysctl
+from lib.net import exchange
 from lib.wait import DEADLINE, until
 
 ROOT = Path(__file__).parents[2]
@@ -138,9 +138,7 @@ def test_a_device_that_is_handed_over(net, vrox, tmp_path):
     said = open(tmp_path / "said", "w+")
     net.program(program, path, "tun3", stdout=said)
     daemon = vrox(tun.configuration(f"unix_path = {path}"))
-    for key, value in (("tun3.accept_local", 1), ("tun3.rp_filter", 0), ("all.rp_filter", 0)):
-        sysctl("net.ipv4.conf." + key, value)
-    tun.ip("route add default dev tun3")
+    tun.open_routes()
     origin = net.listen(tun.V4)
     client = tun.connect(net, *origin.getsockname())
     exchange(client, net.accept(origin))

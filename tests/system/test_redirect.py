@@ -1,17 +1,16 @@
 """tools/vrox-redirect: what it takes goes through the daemon, what it spares does not, and nothing stays behind."""
-import socket
 import subprocess
 from pathlib import Path
 
 import pytest
 
 from lib import conf, tun
-from lib.daemon import BIN, DNS_PORT, TCP_PORT, UID
-from lib.dns import A, reply_to
-from lib.net import exchange, read_exactly, sysctl
+from lib.daemon import DNS_PORT, TCP_PORT, UID
+from lib.dns import answer_over_tcp
+from lib.net import exchange, sysctl
 from lib.udp_tunnel import TPROXY_PORT, Tunnel, header, udp
 from lib.wait import until
-from lib.world import World
+from lib.world import World, privileged, resolve
 
 TOOL = Path(__file__).parents[2] / "tools/vrox-redirect"
 ALL = ("-t", TCP_PORT, "-d", DNS_PORT, "-U", TPROXY_PORT, "-u", UID)
@@ -40,24 +39,14 @@ def serve(net, vrox, world, tmp_path):
     """The daemon, which sends each connection to port 80 to a place of its own; returns that place."""
     with world:
         moved, far = net.listen("198.51.100.80", 8080), net.listen("198.51.100.9", 9000)
-
-        def answer(conn):
-            query = read_exactly(conn, int.from_bytes(read_exactly(conn, 2), "big"))
-            reply = reply_to(query, ["192.0.2.99"])
-            conn.sendall(len(reply).to_bytes(2, "big") + reply)
-
-        net.serve(answer, "192.0.2.53", 53)
-    # Replies from foreign addresses need a privilege that the change of the user would take away.
-    keeps = tmp_path / "vrox"
-    keeps.write_text(f'#!/bin/sh\nexec setpriv --securebits +no_setuid_fixup "{BIN}" "$@"\n')
-    keeps.chmod(0o755)
+        net.serve(lambda conn: answer_over_tcp(conn, {"www.example.com": "192.0.2.99"}), "192.0.2.53", 53)
     vrox(conf.tcp_global("tcpProxy = direct") + conf.DIRECT + conf.at_connect("tcpProxy = direct").replace("0:65535", "81")
          + conf.rule("web", "matchMode = firstMatch", "dst_port = 80", "tcpProxy = moved")
          + conf.module("moved", conf.to(8080, "198.51.100.80")) + tun.section()
          + conf.section("dns::Global", f"dns_listen = :::{DNS_PORT}")
          + conf.section("dnsAcl", "reg_domain = .", conf.to(53, "192.0.2.53"), "lookup_mode = tcpDNS")
          + conf.section("httpUDP", f"udp_tproxy_listen = :::{TPROXY_PORT}", conf.to(9000, "198.51.100.9")),
-         "-u", UID, binary=keeps)
+         "-u", UID, binary=privileged(tmp_path))
     until(lambda: "linkdown" not in str(state()) and "local fd00::5" in str(state()), "all devices and addresses are there")
     return moved, far
 
@@ -67,13 +56,6 @@ def reaches(net, listener, address, port=80):
     server = net.accept(listener)
     exchange(client, server)
     return client, server
-
-
-def resolve(net, server="192.0.2.1"):
-    client = udp(net, "0.0.0.0")
-    client.connect((server, 53))
-    client.send(bytes.fromhex("000701000001000000000000") + b"\4name\4test\0" + bytes([0, A, 0, 1]))
-    return socket.inet_ntoa(client.recv(512)[-4:])
 
 
 @pytest.mark.parametrize("backend", ["nft", "iptables"])
@@ -100,13 +82,13 @@ def test_sockets(net, world, serve, backend):
 
     taken(SITE)
     taken(SITE6)
-    assert resolve(net) == resolve(net, "192.168.7.53") == "192.0.2.99"
+    assert resolve() == resolve(server="192.168.7.53") == "192.0.2.99"
     reaches(net, near, NEAR)
     with world:  # which is also a client, for whom this machine is the router
         tun.ip("route add 198.18.0.0/24 via 203.0.113.2", "-6 route add 2001:db8:9::/64 via 2001:db8:1::2")
         taken("198.18.0.7")
         taken("2001:db8:9::7")
-        assert resolve(net, "198.18.0.7") == "192.0.2.99"
+        assert resolve(server="198.18.0.7") == "192.0.2.99"
     tool("down")
     assert state() == before
     reaches(net, direct, SITE)
@@ -127,7 +109,7 @@ def test_device(net, world, serve):
         assert client.getsockname()[0] in ("10.5.5.5", "fd00::5")
     reaches(net, near, NEAR)
     reaches(net, direct, SITE, 81)  # passed on to where it was going, which the daemon's own routes lead to
-    assert resolve(net) == "192.0.2.99"
+    assert resolve() == "192.0.2.99"
     tool("down")
     assert state() == before
     sysctl("net.ipv4.conf.all.rp_filter", 1)  # would drop what the daemon is answered
@@ -141,7 +123,9 @@ def test_device(net, world, serve):
 
 @pytest.mark.parametrize("arguments, status", [
     (("up",), 2), (("up", "-t", 1080), 1), (("up", "-t", 0, "-u", 1), 1), (("up", "-t", 1080, "-u", 0), 1),
-    (("up", "-t", "080", "-u", 1), 1), (("up", "-t", 1080, "-u", "00"), 1), (("up", "-t", 1080, "-u", "nobody-here"), 1), (("up", "-T", "tun9", "-u", 1), 1), (("down", "-t"), 2),
+    (("up", "-t", "080", "-u", 1), 1), (("up", "-t", 1080, "-u", "00"), 1),
+    (("up", "-t", 1080, "-u", "nobody-here"), 1),
+    (("up", "-T", "tun9", "-u", 1), 1), (("down", "-t"), 2),
     (("up", "-t", 1080, "-u", 1, "-s", "not-a-net"), 1),  # refused by nft itself
 ])
 def test_refusals_change_nothing(arguments, status):

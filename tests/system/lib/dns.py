@@ -2,7 +2,7 @@
 import socket
 import struct
 
-from lib.net import listeners
+from lib.net import listeners, read_exactly
 from lib.wait import until
 
 A, AAAA = 1, 28
@@ -25,6 +25,14 @@ def reply_to(query, addresses, flags=0x8180):
         data = socket.inet_pton(family, address)
         message += struct.pack(">HHHIH", 0xC00C, kind, 1, 60, len(data)) + data
     return message
+
+
+def answer_over_tcp(conn, table):
+    """Answers one framed query from {name: address}; every other name has no address."""
+    query = read_exactly(conn, int.from_bytes(read_exactly(conn, 2), "big"))
+    name, kind = question_of(query)
+    reply = reply_to(query, [table[name]] if name in table and kind == A else [])
+    conn.sendall(len(reply).to_bytes(2, "big") + reply)
 
 
 class Names:

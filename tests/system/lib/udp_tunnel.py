@@ -24,14 +24,6 @@ def header(address, port):
     return b"\0\0\0" + socks5.request(address, port)[3:]
 
 
-def parse(datagram):
-    """(address, port, payload) of a datagram with the header of an address."""
-    assert datagram[:3] == b"\0\0\0" and datagram[3] in (1, 4), datagram[:30]
-    family, size = (socket.AF_INET, 4) if datagram[3] == 1 else (socket.AF_INET6, 16)
-    address, rest = datagram[4:4 + size], datagram[4 + size:]
-    return socket.inet_ntop(family, address), struct.unpack_from(">H", rest)[0], rest[2:]
-
-
 def frame(datagram):
     return struct.pack("=H", len(datagram)) + datagram
 

@@ -5,6 +5,7 @@ Out there every address of the documentation networks exists, and a private netw
 import os
 import subprocess
 
+from lib.daemon import BIN
 from lib.net import _CLONE_NEWNET, _libc, new_namespace, sysctl
 
 FOREIGN = ("192.0.2.0/24", "198.51.100.0/24", "192.168.7.0/24", "2001:db8:2::/64")
@@ -42,3 +43,16 @@ class World:
     def close(self):
         os.close(self._there)
         os.close(self._home)
+
+
+def privileged(directory):
+    """The program that keeps its privileges when it changes its user: replies from foreign addresses need one."""
+    path = directory / "vrox"
+    path.write_text(f'#!/bin/sh\nexec setpriv --securebits +no_setuid_fixup "{BIN}" "$@"\n')
+    path.chmod(0o755)
+    return path
+
+
+def resolve(name="www.example.com", server="192.0.2.1", port=53):
+    command = ["dig", "+short", "+noedns", "+tries=1", "+time=10", "-p", str(port), f"@{server}", name, "A"]
+    return subprocess.run(command, capture_output=True, text=True).stdout.strip()
