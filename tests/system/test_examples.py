@@ -141,17 +141,21 @@ def dns(net, world):
 def udp_tunnel(net, world):
     with world:
         far = net.listen("198.51.100.1", 80)
-    relay = udp(net)
-    relay.sendto(header(SITE, 5000) + b"one", ("127.0.0.1", 1191))
+    udp(net).sendto(header(SITE, 5000) + b"one", ("127.0.0.1", 1191))
     end = Tunnel(net.accept(far), PASSWORD.decode())
     assert b"\r\nZeltProxyType: httpUDP\r\n" in end.request and b"Host: cdn.example.net\r\n" in end.request
     assert end.read() == header(SITE, 5000) + b"one"
-    direct = udp(net, "0.0.0.0", peer=(SITE, 5000))
-    direct.send(b"two")
-    end = Tunnel(net.accept(far), PASSWORD.decode())
+    _datagrams(net, far, PASSWORD.decode())
+
+
+def _datagrams(net, far, password=None):
+    """What is sent to the site goes through a tunnel, and comes back as from there."""
+    client = udp(net, "0.0.0.0", peer=(SITE, 5000))
+    client.send(b"two")
+    end = Tunnel(net.accept(far), password)
     assert end.read() == header(SITE, 5000) + b"two"
     end.send(header(SITE, 5000) + b"three")
-    assert direct.recv(9) == b"three"
+    assert client.recv(9) == b"three"
 
 
 def tun_device(net, world):
@@ -161,27 +165,20 @@ def tun_device(net, world):
     assert client.getsockname()[0] == "10.5.5.5"
     opens(net, client, world.site)
     assert resolve() == "192.0.2.99"
-    datagrams = udp(net, "0.0.0.0", peer=(SITE, 5000))
-    datagrams.send(b"one")
-    end = Tunnel(net.accept(far))
-    assert end.read() == header(SITE, 5000) + b"one"
-    end.send(header(SITE, 5000) + b"two")
-    assert datagrams.recv(9) == b"two"
+    _datagrams(net, far)
 
 
 def limits(net, world):
     with world:
         metered, other = net.listen("198.51.100.200", 80), net.listen("192.0.2.7", 80)
-    client = through_socks(net, SITE)
-    server = net.accept(world.site)
-    begin = time.monotonic()
-    net.spawn(server.sendall, bytes(600 << 10))
-    read_exactly(client, 600 << 10)
-    assert time.monotonic() - begin > 1
-    client = through_socks(net, "198.51.100.200")
-    server = net.accept(metered)
-    net.spawn(server.sendall, bytes(3 << 20))
-    assert 1 << 20 <= len(read_all(client)) < 2 << 20
+    for address, listener, size in (SITE, world.site, 600 << 10), ("198.51.100.200", metered, 3 << 20):
+        begin, client = time.monotonic(), through_socks(net, address)
+        net.spawn(net.accept(listener).sendall, bytes(size))
+        if listener is metered:
+            assert 1 << 20 <= len(read_all(client)) < 2 << 20
+        else:
+            read_exactly(client, size)
+            assert time.monotonic() - begin > 1
     guests = [through_socks(net, "192.0.2.7", source="10.77.8.1") for _ in range(3)]
     for guest in guests[:2]:
         opens(net, guest, other)

@@ -69,10 +69,10 @@ class Bench:
         # So few slots that lost ones are soon missed.
         self.daemon = vrox(peers.configuration(sessions=40, **settings), env=self.page.env)
         tun.open_routes()
-        self.step = faults.Stepper(net, directory, stream_ms=5000, datagram_ms=500 if SANITIZED else 200)
+        self.step = faults.Stepper(net, directory, stream_ms=15000, datagram_ms=500 if SANITIZED else 200)
         self.count = Counter()
         for service in SERVICES * 2:
-            assert self.step(service) == "ok", f"{service}\n{self.daemon.err}"
+            self.resumes(service, "before any fault")
         time.sleep(0.2)
         self.base = self.daemon.fds()
 
@@ -84,7 +84,7 @@ class Bench:
         return cases
 
     def resumes(self, service, what):
-        until(lambda: self.step(service) == "ok", f"{what}, and the service does not resume")
+        until(lambda: self.step(service) == "ok", f"{service}: {what}, and it does not resume")
 
     def nth(self, service, kind, error, nth, ends):
         """One fault; False when there are fewer than `nth` such calls."""
@@ -107,7 +107,7 @@ def test_while_serving(net, vrox, tmp_path):
         nth = 1
         while bench.nth(service, kind, error, nth, ("ok", "lost")):
             until(lambda: bench.daemon.fds() <= bench.base,
-                  f"{service}: {faults.name(error)} of {kind} {nth}: more than {bench.base} descriptors", 5)
+                  f"{service}: {faults.name(error)} of {kind} {nth}: more than {bench.base} descriptors")
             nth += 1
         done += 1
         if 0 < SECONDS < time.monotonic() - begun:

@@ -51,9 +51,8 @@ def test_one_after_the_other(net, vrox, tmp_path):
 
 def test_a_flood_beyond_the_table_leaves_open_sessions_moving(net, vrox):
     origin, slots = net.listen(), 32
-    vrox(conf.tcp_global(f"max_sessions = {slots}", "tcpProxy = up") + conf.at_connect()
-         + conf.module("up", conf.to(origin.getsockname()[1])))
-    pairs = [(net.connect(), net.accept(origin)) for _ in range(slots)]
+    daemon = vrox(conf.fixed(origin, f"max_sessions = {slots}"))
+    pairs = [net.joined(origin) for _ in range(slots)]
     flood = [net.keep(socket.socket()) for _ in range(1000)]
     for sock in flood:
         sock.setblocking(False)
@@ -61,11 +60,12 @@ def test_a_flood_beyond_the_table_leaves_open_sessions_moving(net, vrox):
     for turn in range(20):
         for client, upstream in pairs:
             exchange(client, upstream, b"\x01" * (turn + 1), b"\x01" * 1000)
-    assert net.idle(origin, 0.2), "nobody has a place before one is free"
+    with daemon.at_rest():
+        assert net.idle(origin), "nobody has a place before one is free"
     for client, upstream in pairs:
         client.close()
         upstream.close()
     # In the place of each that ended there is one of the flood.
     for _ in range(slots):
         net.accept(origin)
-    assert net.idle(origin, 0.2)
+    assert net.idle(origin)

@@ -3,13 +3,13 @@ import functools
 import random
 import socket
 import subprocess
-import time
 
 import pytest
 
-from lib import bulk, conf, far_end, socks5
+from lib import bulk, conf, socks5
 from lib.conf import AGENT, PASSWORD
 from lib.daemon import SANITIZED, TCP_PORT, UID
+from lib.far_end import FarEnd, PlainEnd
 from lib.net import (admit_fast_open, bytewise, came_in_syn, ended, exchange, listeners, read_all, read_exactly,
                      read_until, reset, silent)
 from lib.wait import until
@@ -39,40 +39,6 @@ def asked(net, proxy, first, dst=DST):
     client = socks5.connect(net, *dst)
     client.sendall(first)
     return client, net.accept(proxy)
-
-
-class PlainEnd:
-    """The far end's side of a tunnel, behind its request."""
-
-    def __init__(self, conn):
-        self.conn = conn
-        self.request = read_until(conn, b"\r\n\r\n")
-        assert self.request.index(b"\r\n\r\n") + 4 == len(self.request), "nothing stands behind it"
-        self.name = self.host = self.request.split(b" ")[1]
-        self.encode = self.decode = bytes
-
-    def read(self, count):
-        return self.decode(read_exactly(self.conn, count))
-
-    def send(self, data):
-        self.conn.sendall(self.encode(data))
-
-
-class FarEnd(PlainEnd):
-    """Likewise of an enciphered one."""
-
-    def __init__(self, conn, password=PASSWORD.encode()):
-        super().__init__(conn)
-        self.host, key = far_end.read_host(self.name, password)
-        assert key in {far_end.starting_key(int(time.time()) - ago) for ago in range(30)}
-        self.decode, self.encode = far_end.decoder(password, key), far_end.encoder(password, key)
-        # As a connection, for bulk data.
-        self.settimeout, self.sendall = conn.settimeout, self.send
-
-    def recv_into(self, view):
-        count = self.conn.recv_into(view)
-        view[:count] = self.decode(bytes(view[:count]))
-        return count
 
 
 def both_ways(client, far):
@@ -151,7 +117,7 @@ def test_enciphered_streams_in_any_pieces(net, vrox):
     client = net.connect()
     client.sendall(CONNECT[:8])
     bytewise(client, CONNECT[8:] + b"\x16first bytes")
-    far = FarEnd(net.accept(proxy), password.encode())
+    far = FarEnd(net.accept(proxy), password)
     assert far.host == b"h.test:443"
     assert read_exactly(client, len(ANSWER)) == ANSWER
     bytewise(far.conn, OK)
@@ -207,22 +173,11 @@ LOGIN = "socks5_client = user pass word"
 REPLY, REPLY6 = socks5.CONNECTED, b"\x05\x00\x00\x04" + bytes(range(18))
 
 
-def socks_dialogue(conn, dst, *, login=False, method=b"\x05\x00", granted=b"\x01\x00", send=send_all):
-    """The proxy's part up to its last reply, every byte of the client checked."""
-    steps = [(b"\x05\x02\x00\x02" if login else b"\x05\x01\x00", method)]
-    if method == b"\x05\x02":
-        steps.append((socks5.credentials("user", "pass word"), granted))
-    for wanted, reply in [*steps, (socks5.request(*dst), b"")]:
-        assert read_exactly(conn, len(wanted)) == wanted
-        assert silent(conn, 0.02)  # the client's bytes wait for the last reply
-        send(conn, reply)
-
-
-ASKED = {"login": True, "method": b"\x05\x02"}
+ASKED = {"login": ("user", "pass word")}
 DIALOGUES = [
     ("socks5_client = ON", {}, DST6, REPLY6),
     (LOGIN, ASKED, DST, REPLY),
-    (LOGIN, {"login": True}, DST, REPLY6),  # asked for nothing: nothing is said
+    (LOGIN, {**ASKED, "method": socks5.NO_AUTH}, DST, REPLY6),  # asked for nothing: nothing is said
     # What proxies say is not examined: a refusal shows as the connection's end.
     (LOGIN, {**ASKED, "granted": b"\x01\x01"}, DST6, b"\x05\x01\x00\x01" + bytes(6)),
 ]
@@ -235,7 +190,7 @@ def test_socks5_proxies(net, vrox, early, send):
         daemon = vrox(through(proxy, line, early=early))
         first = b"" if early else get(b"a.b") + b"behind"
         client, conn = asked(net, proxy, first, dst)
-        socks_dialogue(conn, dst, send=send, **dialogue)
+        socks5.serve(conn, dst, send=send, **dialogue)
         send(conn, reply + b"banner")  # together with the first payload
         assert read_exactly(client, 6) == b"banner"
         assert read_exactly(conn, len(first)) == first
@@ -266,7 +221,7 @@ def test_a_tunnel_behind_a_socks5_proxy(net, vrox, kind, early, send):
     proxy = net.listen()
     vrox(through(proxy, LOGIN, kind, ENCRYPT, early=early))
     client, conn = asked(net, proxy, b"" if early else CONNECT + b"\x16 hello", DST6)
-    socks_dialogue(conn, DST6, send=send, **ASKED)
+    socks5.serve(conn, DST6, send=send, **ASKED)
     send(conn, REPLY6)
     far = FarEnd(conn)
     assert far.host == (b"h.test:443" if kind == OVER else b"[2001:db8::7]:8443")
@@ -297,7 +252,7 @@ def test_fast_open_towards_the_proxy(net, vrox, kind, early, accepts, expected):
             read, send = far.read, far.send
             conn.sendall(OK)
         elif kind == "socks5":
-            socks_dialogue(conn, DST, **ASKED)
+            socks5.serve(conn, DST, **ASKED)
             conn.sendall(REPLY)
         send(b"banner")
         assert read_exactly(client, 6) == b"banner"

@@ -6,6 +6,10 @@ both directions begin behind it, and is sent in base64.
 """
 import base64
 import functools
+import time
+
+from lib.conf import PASSWORD
+from lib.net import read_exactly, read_until
 
 
 def derive_key(password):
@@ -73,3 +77,38 @@ def read_host(text, password):
     """(host, starting key) of the base64 form."""
     raw = base64.b64decode(text, validate=True)
     return decoder(password, raw[-1])(raw[:-1]), raw[-1]
+
+
+class PlainEnd:
+    """The far end's side of a tunnel, behind its request."""
+
+    def __init__(self, conn):
+        self.conn = conn
+        self.request = read_until(conn, b"\r\n\r\n")
+        assert self.request.index(b"\r\n\r\n") + 4 == len(self.request), "nothing stands behind it"
+        self.name = self.host = self.request.split(b" ")[1]
+        self.encode = self.decode = bytes
+
+    def read(self, count):
+        return self.decode(read_exactly(self.conn, count))
+
+    def send(self, data):
+        self.conn.sendall(self.encode(data))
+
+
+class FarEnd(PlainEnd):
+    """Likewise of an enciphered one."""
+
+    def __init__(self, conn, password=PASSWORD):
+        super().__init__(conn)
+        password = password.encode()
+        self.host, key = read_host(self.name, password)
+        assert key in {starting_key(int(time.time()) - ago) for ago in range(30)}
+        self.decode, self.encode = decoder(password, key), encoder(password, key)
+        # As a connection, for bulk data.
+        self.settimeout, self.sendall = conn.settimeout, self.send
+
+    def recv_into(self, view):
+        count = self.conn.recv_into(view)
+        view[:count] = self.decode(bytes(view[:count]))
+        return count

@@ -3,7 +3,7 @@ import socket
 import struct
 
 from lib.daemon import SOCKS_PORT
-from lib.net import read_exactly
+from lib.net import read_exactly, silent
 
 NO_AUTH, PASSWORD = b"\x05\x00", b"\x05\x02"
 AUTH_OK = b"\x01\x00"
@@ -43,3 +43,15 @@ def connect(net, host, port, via="127.0.0.1", source=None, login=None, proxy_por
     conn.sendall(request(host, port))
     assert read_exactly(conn, 10) == CONNECTED
     return conn
+
+
+def serve(conn, dst, login=None, method=None, granted=AUTH_OK, send=socket.socket.sendall):
+    """A proxy's part of the dialogue up to its last reply, every byte of the client checked."""
+    method = method or (PASSWORD if login else NO_AUTH)
+    steps = [(b"\x05\x02\x00\x02" if login else b"\x05\x01\x00", method)]
+    if method == PASSWORD:
+        steps.append((credentials(*login), granted))
+    for wanted, reply in [*steps, (request(*dst), b"")]:
+        assert read_exactly(conn, len(wanted)) == wanted
+        assert silent(conn, 0.02)  # the client's bytes wait for the last reply
+        send(conn, reply)
