@@ -45,6 +45,13 @@ Verdict feed(vrox::socks5::Socks5Conn& conn, int client, std::span<const std::ui
   return verdict;
 }
 
+void check_target(const vrox::SocketAddress& target, std::span<const std::uint8_t> request) {
+  const std::size_t size = request[3] == 1 ? 4 : 16;
+  const auto address = target.uniform();
+  check(std::equal(address.begin(), address.begin() + size, request.begin() + 4));
+  check(target.port() == request[4 + size] * 256 + request[5 + size]);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -62,8 +69,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (verdict == Verdict::join || verdict == Verdict::resolve) {
     // Greeting, credentials and request are gone, and nothing behind them.
     const std::size_t greeting = std::max<std::size_t>(3, 2U + said[1]);
-    const std::size_t credentials = vrox::socks5::global.credentials.size();
-    check(said.size() - unread(conn.fd) == greeting + credentials + conn.request_length);
+    const std::size_t before = greeting + vrox::socks5::global.credentials.size();
+    check(said.size() - unread(conn.fd) == before + conn.request_length);
+    if (verdict == Verdict::join) check_target(conn.target, std::span(said).subspan(before));
   }
   (void)close(ends[0]);
   (void)close(ends[1]);

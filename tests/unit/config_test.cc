@@ -1,5 +1,4 @@
 #include "config/blocks.h"
-#include "config/key_table.h"
 #include "config/syntax.h"
 #include "configuration.h"
 
@@ -55,12 +54,6 @@ TEST(ConfigSyntax, EscapesAreEightAndNoMore) {
   EXPECT_EQ(unescape(text), "\r\n\b\v\f\t\a\\\n\\x\\");
 }
 
-struct Row {
-  std::string_view keyword;
-};
-static_assert(!all_reachable(std::array{Row{"tun_addr"}, Row{"TUN_addr6"}}));
-static_assert(all_reachable(std::array{Row{"tun_addr6"}, Row{"tun_addr"}}));
-
 using Configuration = ConfigurationTest;
 using ConfigurationDeathTest = ConfigurationTest;
 
@@ -112,12 +105,13 @@ TEST_F(Configuration, SingleSectionsTakeTheirKeys) {
   ASSERT_TRUE(
       load("tcp::Global {\ntcp_option = x|tfo|TDAx\nmax_sessions_x = 0\ntimeout = 3\n}\n"
            "httpUDP {\ntcp_option = XTFO\nudp_socks5_listen = 127.0.0.1:0\ntimeout = 0\n"
-           "socks5_set_dst = 127.0.0.1:65537 u p\n}\n"
+           "socks5_set_dst = 127.0.0.1:65537 u p\ndestAddr6 = Deny_network ;\n}\n"
            "dns::Global {\ncacheLimit = 300\ndns_listen = 127.0.0.1:0\n}\n"
            "socks5 {\nhandshake_timeout = 5\nuser_pass = u p q\n}\n"));
   EXPECT_TRUE(tcp::global.fast_open && tcp::global.defer_accept);
   EXPECT_EQ(tcp::global.max_sessions, 1) << "a table has at least one slot";
   EXPECT_FALSE(httpudp::global.fast_open);
+  EXPECT_TRUE(httpudp::global.destination_list.head->deny_network);
   EXPECT_EQ(httpudp::global.timeout, 0) << "a later key switches the default off again";
   const tcp::Module& proxy = *httpudp::global.socks5_list.head;
   EXPECT_EQ(proxy.socks5_auth.view(), "\1\1u\1p");
@@ -138,6 +132,88 @@ TEST_F(Configuration, ARuleThatMayAskForTheHostIsMarked) {
     if (rule.asks_host) marked.append(rule.name);
   }
   EXPECT_EQ(marked, "abc");
+}
+
+// ---- what keys make of their values ----
+
+Address bytes(std::initializer_list<int> list) {
+  Address address{};
+  std::size_t i = 0;
+  for (const int byte : list) address[i++] = static_cast<std::uint8_t>(byte);
+  return address;
+}
+
+TEST_F(Configuration, AddressesAreReadAsFarAsTheyMakeSense) {
+  const struct {
+    const char* text;
+    Address expected;
+    int prefix = 128;
+  } cases[] = {
+      {"10.1", bytes({10, 1})},
+      {"1.2.3.4.5", bytes({1, 2, 3, 4})},
+      {"::a:b", bytes({0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xa, 0, 0xb})},
+      {"1:2:3:4:5:6:7:8:9", bytes({0, 1, 0, 2, 0, 3, 0, 4, 0, 5, 0, 6, 0, 7, 0, 8})},
+      {"12345::", bytes({0x12, 0x34})},
+      {"10.1.2.3/8", bytes({10}), 8},  // bits behind the prefix are cleared
+      {"::/129", {}},
+      {"::1/-1", {}, 0},
+  };
+  for (const auto& c : cases) {
+    acl::Rule rule;
+    ASSERT_EQ(acl::apply_rule_key("dst_ip", c.text, rule), KeyResult::applied) << c.text;
+    EXPECT_EQ(rule.conditions.tail->address, c.expected) << c.text;
+    EXPECT_EQ(rule.conditions.tail->prefix, c.prefix) << c.text;
+  }
+}
+
+TEST_F(Configuration, ByteCountsHaveUnits) {
+  const struct {
+    const char* value;
+    std::uint64_t bytes;
+  } cases[] = {{"1", 1U << 20}, {"1M", 1U << 20}, {"3x", 3U << 20},
+               {"2k", 2048},    {"1G", 1U << 30}, {"8g", std::uint64_t{8} << 30},
+               {"none", 0}};
+  for (const auto& c : cases) {
+    acl::Rule rule;
+    ASSERT_EQ(acl::apply_rule_key("maxData", c.value, rule), KeyResult::applied);
+    EXPECT_EQ(rule.data_left->load(), c.bytes) << c.value;
+  }
+}
+
+TEST_F(Configuration, Treatment) {
+  acl::Rule rule;
+  const auto apply = [&rule](const char* key, const char* value) {
+    ASSERT_EQ(acl::apply_rule_key(key, value, rule), KeyResult::applied) << key;
+  };
+  apply("limit_client_ip", " 5\t6");
+  apply("limit_client_ip", "7");
+  EXPECT_EQ(rule.max_clients, 7);
+  EXPECT_EQ(rule.max_sessions_per_client, 6) << "a number that is not given stays as it was";
+  apply("timeout", "2");
+  EXPECT_TRUE(sweeps(SweepBit::tcp));
+  apply("timeout", "-2");
+  EXPECT_EQ(rule.timeout, 0);
+  EXPECT_FALSE(sweeps(SweepBit::tcp));
+}
+
+TEST(Credentials, BecomeAnRfc1929Message) {
+  const std::string longest(255, 'x');
+  const struct {
+    const char* why;
+    std::string value;
+    std::string message;  // empty: refused
+  } cases[] = {
+      {"the first blank separates", "u p w", "\1\1u\3p w"},
+      {"empty parts are parts", " ", std::string("\1\0\0", 3)},
+      {"the longest that fit", longest + " " + longest, "\1\xff" + longest + "\xff" + longest},
+      {"a user too long for its length byte", longest + "x p", ""},
+      {"a password too long", "u x" + longest, ""},
+  };
+  for (const auto& c : cases) {
+    Buffer message;
+    EXPECT_EQ(tcp::parse_user_pass(c.value, message), !c.message.empty()) << c.why;
+    EXPECT_EQ(message.view(), c.message) << c.why;
+  }
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <string>
 #include <string_view>
@@ -42,11 +41,6 @@ class ConfigurationTest : public testing::Test {
   }
 
   static void reset() {
-    for (const int fd :
-         {tcp::global.listen_fd, dns::global.listen_fd, socks5::global.listen_fd,
-          socks5::global.dns_fd, httpudp::global.tproxy_fd, httpudp::global.socks5_fd}) {
-      if (fd >= 0) ::close(fd);
-    }
     acl::rule_lists = {.at_connect = {}, .on_request = {}, .fallback = &tcp::global};
     tcp::global = {};
     tcp::modules = {};

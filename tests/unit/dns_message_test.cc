@@ -5,6 +5,7 @@
 #include <string>
 
 #include "bytes.h"
+#include "dns/question.h"
 #include "dns/types.h"
 
 namespace vrox::dns {
@@ -48,6 +49,36 @@ TEST(DnsMessage, AQueryAsksOneQuestion) {
 
   std::array<std::uint8_t, 28> little{};
   EXPECT_EQ(encode_query(little, 1, "www.example", type_a), 0U) << "one byte short";
+}
+
+std::string asking(const std::string& name) {
+  return "\x12\x34\1\0\0\1\0\0\0\0\0\0"s + name + "\0\1\0\1"s;
+}
+
+std::string label_of(std::size_t length) {
+  return static_cast<char>(length) + std::string(length, 'x');
+}
+
+TEST(DnsQuestion, NamesInDottedText) {
+  const struct {
+    const char* why;
+    std::string message;
+    std::string name;
+  } cases[] = {
+      {"labels", asking("\3www\7Example\0"s), "www.Example"},
+      {"what follows does not matter", asking("\1a\0"s) + "\0\0\x29", "a"},
+      {"nor do the counts", "\0\0\0\0\0\0\0\0\0\0\0\0"s + "\1a\0\0\1\0\1"s, "a"},
+      {"127 characters", asking(label_of(63) + label_of(63) + "\0"s),
+       std::string(63, 'x') + "." + std::string(63, 'x')},
+      {"128 characters", asking(label_of(63) + label_of(62) + "\1x\0"s), "-"},
+      {"a compressed name", asking("\xc0\x0c"s), "-"},
+      {"a pointer behind a label", asking("\1a\xc0\x0c"s), "-"},
+      {"a cut class", asking("\1a\0"s).substr(0, 18), "-"},
+  };
+  for (const auto& c : cases) {
+    const auto question = read_question(bytes_of(c.message));
+    EXPECT_EQ(question ? question->name() : "-", c.name) << c.why;
+  }
 }
 
 TEST(DnsMessage, OnlyAddressesOfTheWantedTypeCount) {

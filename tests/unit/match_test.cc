@@ -64,9 +64,14 @@ TEST_F(Matching, RequestKinds) {
     Outcome outcome;
   } cases[] = {
       {"bytes behind a zero byte count", "reg_string", "b", "a\0b"s, holds},
+      {"and escapes in its pattern", "reg_string", "a\\tb", "a\tb", holds},
+      {"which others have not", "hdr_key(X-K)", "a\\tb", get + "X-K: a\tb\r\n\r\n", fails},
+      {"lines are anchored, case does not count", "reg_string", "^x$", "a\nX", holds},
+      {"at both ends", "reg_string", "^x$", "ax", fails},
+      {"the last of several", "method", "GET|HEAD| PUT", "PUT / HTTP/1.1\r\n\r\n", holds},
+      {"what is no method means no HTTP", "method", "get", raw, holds},
       {"a proxy's request without a path", "uri", "^/$", "GET http://h HTTP/1.1\r\n\r\n", holds},
       {"a broken request is caught", "url", "never", "GET\r\nX: no blank above\r\n\r\n", holds},
-      {"a line shorter than a version", "url", "^$", "GET /\r\n\r\n", holds},
       {"the second of two", "hdr_key(X-K)", "^v$", get + "X-K: w\r\nX-K: v\r\n\r\n", holds},
       {"blanks and line ends", "hdr_key(X-K)", "^v$", get + "X-K:\r\n \t v\r\n\r\n", holds},
       {"other names", "hdr_key(X-K)", "v", get + "X-K : v\r\nX-KK: v\r\nY: X-K: v\r\n\r\n", fails},

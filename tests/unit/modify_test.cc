@@ -31,7 +31,7 @@ class Rewriter {
   std::string operator()(std::string_view request) {
     Buffer buffer;
     EXPECT_TRUE(buffer.assign(request));
-    const RequestView view{buffer, method_code(request), destination, 7, listen_port};
+    const RequestView view{buffer, method_code(request), *parse_address("10.0.0.1", 80), 7, 8080};
     const bool done = modify_request(view, module, key);
     EXPECT_TRUE(done || buffer.view() == request) << "a failure leaves the request alone";
     return done ? std::string(buffer.view()) : "failed";
@@ -39,39 +39,7 @@ class Rewriter {
 
   HttpModModule module;
   TunnelKey key;
-  SocketAddress destination;
-  std::uint16_t listen_port = 0;
 };
-
-TEST(Modify, DirectivesAsConfigured) {
-  const struct {
-    const char* why;
-    const char* key;
-    const char* value;
-    const char* parsed;  // [pattern][replacement], behind the first letter of its kind
-  } cases[] = {
-      {"inner quotes", "strrep", "a \" -> \" b", "s[a ][ b]"},
-      {"one quote only", "strrep", "a\"\" -> \"\"b", "s[a\"][\"b]"},
-      {"tabs are no blanks here", "strrep", "a\t->\tb", "s[a\t][\tb]"},
-      {"the first arrow", "strrep", "a->b->c", "s[a][b->c]"},
-      {"no arrow", "strrep", "a-b", ""},
-      {"capitals mean regrep", "STRREP", "a->b", "r[a][b]"},
-      {"the first letter decides", "sTRREP", "a->b", "s[a][b]"},
-      {"or the second before", "Save_line", "a->5", "l[][]"},
-      {"a switch that is not on", "modify_all_request", "off", ""},
-  };
-  for (const auto& c : cases) {
-    Rewriter rewriter(Lines{});
-    std::string parsed;
-    EXPECT_EQ(apply_directive(c.key, c.value, rewriter.module), *c.parsed != '\0') << c.why;
-    for (const HttpModDirective& at : rewriter.module.directives) {
-      const bool is_strrep = at.kind == HttpModKind::strrep;
-      parsed += is_strrep ? "s[" : at.kind == HttpModKind::regrep ? "r[" : "l[";
-      parsed.append(at.pattern).append("][").append(at.replacement).append("]");
-    }
-    EXPECT_EQ(parsed, c.parsed) << c.why;
-  }
-}
 
 TEST(Modify, Directives) {
   const struct {
@@ -81,6 +49,24 @@ TEST(Modify, Directives) {
     std::string request;
     std::string result;
   } cases[] = {
+      {"inner quotes", "strrep", "a \" -> \" b", "GET /a HTTP/1.1\r\n\r\n",
+       "GET / bHTTP/1.1\r\n\r\n"},
+      {"one quote only", "strrep", "a\"\" -> \"\"b", "GET /a\" HTTP/1.1\r\n\r\n",
+       "GET /\"b HTTP/1.1\r\n\r\n"},
+      {"tabs are no blanks here", "strrep", "a\t->\tb", "GET /a\tHTTP/1.1 x\r\n\r\n",
+       "GET /\tbHTTP/1.1 x\r\n\r\n"},
+      {"the first arrow", "strrep", "/a->/b->c", "GET /a HTTP/1.1\r\n\r\n",
+       "GET /b->c HTTP/1.1\r\n\r\n"},
+      {"capitals mean regrep", "STRREP", "(A)->\\1b", "GET /a HTTP/1.1\r\n\r\n",
+       "GET /ab HTTP/1.1\r\n\r\n"},
+      {"the first letter decides", "sTRREP", "(a)->b", "GET /(a) HTTP/1.1\r\n\r\n",
+       "GET /b HTTP/1.1\r\n\r\n"},
+      {"or the second before", "Save_line", "a->5", "GET / HTTP/1.1\r\na: b\r\n\r\n",
+       "GET / HTTP/1.1\r\na: b\r\n\r\n"},
+      {"a host's port that is no number is 0", "set_first", "[H]|[H_P]",
+       "GET / HTTP/1.1\r\nHost: a:b\r\n\r\n", "a:b|a:b:80Host: a:b\r\n\r\n"},
+      {"an empty host is one", "set_first", "[H]|[H_P]", "GET / HTTP/1.1\r\nHost: \r\n\r\n",
+       "|Host: \r\n\r\n"},
       {"a head without line feed", "set_first", "[U]", "GET /a HTTP/1.1\r", "/a"},
       {"no line end behind the blank", "set_first", "x", "GET\r\n a", "failed"},
       {"never the request line", "del_line", "get / http/1.1", "GET / HTTP/1.1: x\r\n\r\n",
@@ -107,6 +93,9 @@ TEST(Modify, Directives) {
   for (const auto& c : cases) {
     EXPECT_EQ(Rewriter(Lines{{c.key, c.value}})(c.request), c.result) << c.why;
   }
+  Rewriter none(Lines{});
+  EXPECT_FALSE(apply_directive("strrep", "a-b", none.module)) << "no arrow";
+  EXPECT_FALSE(apply_directive("modify_all_request", "off", none.module)) << "not switched on";
 }
 
 TEST(Modify, CompiledPatternsFollowTheRequest) {
@@ -119,28 +108,6 @@ TEST(Modify, CompiledPatternsFollowTheRequest) {
   EXPECT_EQ(with_target("/b"), "\r\nA: /a\r\nB!\r\n\r\n");
   EXPECT_EQ(with_target("[/"), "\r\nA: /a\r\nB: /b\r\n\r\n") << "no valid pattern";
   EXPECT_EQ(with_target("/b"), "\r\nA: /a\r\nB!\r\n\r\n");
-}
-
-TEST(Modify, HostAndPort) {
-  const struct {
-    const char* why;
-    const char* header;
-    const char* address;
-    std::uint16_t port;
-    const char* result;  // [H]|[H_P]
-  } cases[] = {
-      {"the listening port says nothing", "Host: a.b:81\r\n", "10.0.0.1", 8080, "a.b:81|a.b:81"},
-      {"no number is 0", "Host: a:b\r\n", "10.0.0.1", 80, "a:b|a:b:80"},
-      {"the bracket replaces a colon, too", "", "::1", 1, "[:1]:1|[:1]:1"},
-      {"an empty host is one", "Host: \r\n", "10.0.0.1", 80, "|"},
-  };
-  for (const auto& c : cases) {
-    Rewriter rewriter(Lines{{"set_first", "[H]|[H_P]\r\n"}});
-    rewriter.destination = parse_address(c.address, c.port).value();
-    rewriter.listen_port = 8080;
-    const std::string result = rewriter("GET / HTTP/1.1\r\n" + std::string(c.header) + "\r\n");
-    EXPECT_EQ(result.substr(0, result.find('\r')), c.result) << c.why;
-  }
 }
 
 TEST(Modify, SavedValues) {
@@ -202,6 +169,29 @@ TEST(Modify, HostileRequestsStayBounded) {
   EXPECT_EQ(Rewriter(Lines{{"regrep", "[url] -> x"}})(doubling), doubling);
   EXPECT_EQ(Rewriter(Lines{{"regrep", "[url] -> x"}})("GET /c++ HTTP/1.1\r\n\r\n"),
             "GET x++ HTTP/1.1\r\n\r\n");
+}
+
+// What the cipher does to bytes, its fuzz target compares with the definition.
+TEST(Cipher, KeysFromPasswords) {
+  const struct {
+    const char* why;
+    std::string password;
+    TunnelKey key;
+  } cases[] = {
+      {"no password: off", "", {0, 0}},
+      {"odd character", "a", {0x60, 0x10}},
+      {"below six characters the step is 16 n", "abcde", {0x32, 0x50}},
+      {"xor byte 0 falls back to 16 n", "bbddbb", {0, 0x60}},
+      {"which is 0 for 16 characters: off", "pppppppppppppppp", {0, 0}},
+      {"characters are unsigned", "\xff\xfe\x80\x81\x82\x83", {0x87, 0x2a}},
+      {"longer than a byte counts", std::string(300, 'p'), {0xa0, 0x80}},
+  };
+  for (const auto& c : cases) {
+    const TunnelKey key = derive_tunnel_key(c.password);
+    EXPECT_EQ(key.xor_byte, c.key.xor_byte) << c.why;
+    EXPECT_EQ(key.step_byte, c.key.step_byte) << c.why;
+    EXPECT_EQ(key.on(), c.key.step_byte != 0) << c.why;
+  }
 }
 
 }  // namespace
