@@ -53,6 +53,11 @@ def net(_namespace):
 
 
 @pytest.fixture
+def origin(net):
+    return net.listen()
+
+
+@pytest.fixture
 def vrox(tmp_path, net):  # `net` first: the daemon ends before its peers do
     """Starts daemons: vrox(configuration, *options, ...)."""
     started = []

@@ -1,6 +1,5 @@
 """The DNS server: rules, lookups over TCP and by HTTP, the ways out, and the cache."""
 import contextlib
-import os
 import random
 import signal
 import socket
@@ -13,7 +12,7 @@ import pytest
 
 from lib import conf, quick, socks5
 from lib.conf import AGENT, PASSWORD, dns_global
-from lib.daemon import DNS_PORT, alive
+from lib.daemon import DNS_PORT
 from lib.dns import A, AAAA, question_of, reply_to
 from lib.far_end import FarEnd, PlainEnd
 from lib.net import family_of, listeners, port_of, read_exactly, read_until, reset, silent
@@ -472,11 +471,6 @@ def test_cache_of_workers(net, vrox, client, signals, between):
             with contextlib.suppress(ProcessLookupError):
                 daemon.signal(getattr(signal, name), pid)
             time.sleep(between)
-    until(lambda: not any(map(alive, daemon.pids)), "both end")
-    for pid in set(daemon.pids) - {daemon.first.pid}:
-        with contextlib.suppress(ChildProcessError):  # the first one has waited for it, or it is ours now
-            os.waitpid(pid, 0)
-    daemon.pids = [daemon.first.pid]
     assert daemon.wait() == 0
     path, asked = daemon.directory / "cache", len(names.asked)
     assert path.stat().st_size == sum(len(record(q, reply_to(q, ["192.0.2.1"]))) for q in names.asked)

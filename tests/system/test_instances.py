@@ -19,11 +19,6 @@ NAME = "vrox"
 OPENED = {("::", TCP_PORT), ("::", SOCKS_PORT)}
 
 
-@pytest.fixture
-def origin(net):
-    return net.listen()
-
-
 def config(origin, *global_keys):
     return conf.fixed(origin, *global_keys, extra=conf.socks5())
 

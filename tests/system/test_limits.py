@@ -16,11 +16,6 @@ RELAY_BUFFER = 20480
 KIB = 1024
 
 
-@pytest.fixture
-def origin(net):
-    return net.listen()
-
-
 def limited(origin, *keys):
     """Everything goes to one upstream under one rule with the given keys."""
     return conf.fixed(origin, rule_keys=keys)

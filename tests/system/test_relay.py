@@ -16,11 +16,6 @@ MIB = 1 << 20
 AT_CONNECT = conf.tcp_global("tcpProxy = direct") + conf.at_connect() + conf.DIRECT
 
 
-@pytest.fixture
-def origin(net):
-    return net.listen()
-
-
 @pytest.mark.parametrize("address", ["10.77.3.4", "fd77::3:4"])
 @pytest.mark.parametrize("own_family", [False, True])
 def test_redirected_connections_reach_their_original_destination(net, vrox, address, own_family):

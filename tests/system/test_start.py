@@ -73,22 +73,10 @@ def test_daemon_keeps_directory_and_descriptors(vrox):
 
 @pytest.mark.parametrize("given, effective", [(UID, UID), ("x7", 0)])
 def test_effective_user(vrox, given, effective):
-    daemon = vrox(SERVING, "-u", given)
+    daemon = vrox(SERVING, "-u", given, "-w", 0)  # no workers: one process
     for key in "Uid", "Gid":
         real, now, *_ = map(int, status_of(daemon.pid, key).split())
         assert (real, now) == (0, effective), key
-
-
-@pytest.mark.parametrize("option, count", [(0, 1), (4, 4)])
-def test_workers_form_a_chain(vrox, option, count):
-    daemon = vrox(SERVING, "-w", option, workers=1) if option < 2 else vrox(SERVING, workers=option)
-    assert len(daemon.pids) == count
-    parents = {pid: int(status_of(pid, "PPid")) for pid in daemon.pids}
-    chain = [daemon.first.pid]
-    while children := [pid for pid in daemon.pids if parents[pid] == chain[-1]]:
-        chain += children
-    assert sorted(chain) == sorted(daemon.pids)
-    daemon.pids = chain  # the order in which they can be reaped
 
 
 def test_service_threads_leave_signals_to_the_main_thread(vrox):

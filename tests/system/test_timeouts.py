@@ -13,11 +13,6 @@ pytestmark = quick.needed
 
 
 @pytest.fixture
-def origin(net):
-    return net.listen()
-
-
-@pytest.fixture
 def start(vrox):
     return lambda text: vrox(text, binary=quick.SWEEP_BIN)
 

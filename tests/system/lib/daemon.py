@@ -159,7 +159,8 @@ class Daemon:
                         if os.waitid(os.P_PID, pid, os.WEXITED | os.WNOHANG | os.WNOWAIT):
                             self.ended[pid] = os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1])
                     except ChildProcessError:
-                        pass
+                        if status_of(pid, "State") is None:
+                            self.ended[pid] = 0  # the one before it has seen its end
             return len(self.ended) == len(self.pids)
 
         until(gone, "the daemon ends", seconds)
