@@ -20,15 +20,11 @@ TEST(DnsHttpAnswer, TheFirstAddressByTheRulesOfThumb) {
     Verdict verdict;
     Quad address{};
   } cases[] = {
-      {"an address alone", "1.2.3.4", Verdict::address, good},
-      {"text before and behind", "ip: 1.2.3.4, ttl 60\r\n", Verdict::address, good},
       {"parts keep their low bytes", "257.258.515.1028", Verdict::address, good},
       {"a part without digits is 0", "1.a.-.4", Verdict::address, {1, 0, 0, 4}},
       {"a sign counts", "1.-1.+2. 4", Verdict::address, {1, 255, 2, 4}},
       {"lines are read from a digit above 0", "010.2.3.4", Verdict::address, {10, 2, 3, 4}},
       {"a long second part too", "1.2345.1.1\n1.2.3.4", Verdict::address, good},
-      {"no digit, no dot: none", "NXDOMAIN", Verdict::failure},
-      {"even with an address below", "hello\n1.2.3.4", Verdict::failure},
       {"a dot of the next line does not count", "1.2.3\n4.5.6.7", Verdict::failure},
       {"0.0.0.0 has no digit to begin with", "0.0.0.0", Verdict::failure},
       {"the size line of a chunked body", "7\r\n1.2.3.4\r\n0\r\n\r\n", Verdict::failure},
@@ -53,7 +49,6 @@ TEST(DnsHttpAnswer, WhatIsCertainBeforeTheEnd) {
     Verdict at_end;
     bool certain = true;
   } cases[] = {
-      {"nothing", "", Verdict::incomplete, true, Verdict::nothing},
       {"no end of the head", no_body.substr(0, 36), Verdict::incomplete, true, Verdict::nothing},
       {"a head", head, Verdict::incomplete, true, Verdict::nothing},
       {"length 0", no_body, Verdict::failure, true, Verdict::failure},

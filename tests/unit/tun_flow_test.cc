@@ -227,11 +227,14 @@ struct Script {
   std::int32_t limit = 196608;
 };
 
-void run(const Script& script, bool opened) {
-  for (const std::uint8_t version : versions) {
+enum class Flow : std::uint8_t { none, open };
+
+void run(Flow flow_at_first, const std::vector<Script>& scripts) {
+  for (std::size_t i = 0; i < 2 * scripts.size(); ++i) {
+    const Script& script = scripts[i / 2];
     event::tun_options.tcp_rmax = event::tun_options.tcp_wmax = script.limit;
-    Client client(version);
-    if (opened) client.open();
+    Client client(versions[i % 2]);
+    if (flow_at_first == Flow::open) client.open();
     for (std::size_t at = 0; at < script.steps.size();) {
       const std::size_t end = std::min(script.steps.find("; ", at), script.steps.size());
       const std::string step = script.steps.substr(at, end - at);
@@ -246,15 +249,15 @@ void run(const Script& script, bool opened) {
 }
 
 TEST_F(TunFlowTest, Opening) {
-  const Script scripts[] = {
-      {"a handshake, during which a write waits",
-       "S = SA 0 1 mss <1>; w early = EAGAIN; r = EINVAL; S; A = <3>; w x = 1 PA 1 1 'x'"},
-      {"data complete it when they acknowledge",
-       "S = SA 0 1 mss <1>; ack 0; P@0 x = A 1 1; ack 1; P hello = A 1 6 <2>"},
-      {"a close is kept until then", "S = SA 0 1 mss <1>; c; A = FA 1 1"},
-      {"no flow, no answer but a reset", "A = RA; R = RA", 0},
-  };
-  for (const Script& script : scripts) run(script, false);
+  run(Flow::none,
+      {
+          {"a handshake, during which a write waits",
+           "S = SA 0 1 mss <1>; w early = EAGAIN; r = EINVAL; S; A = <3>; w x = 1 PA 1 1 'x'"},
+          {"data complete it when they acknowledge",
+           "S = SA 0 1 mss <1>; ack 0; P@0 x = A 1 1; ack 1; P hello = A 1 6 <2>"},
+          {"a close is kept until then", "S = SA 0 1 mss <1>; c; A = FA 1 1"},
+          {"no flow, no answer but a reset", "A = RA; R = RA", 0},
+      });
 }
 
 TEST_F(TunFlowTest, OneFlowForAClientPort) {
@@ -266,50 +269,53 @@ TEST_F(TunFlowTest, OneFlowForAClientPort) {
 }
 
 TEST_F(TunFlowTest, Data) {
-  const Script scripts[] = {
-      {"one segment is outstanding",
-       "window 4; A; w abcdefghij = 10 PA 1 1 'abcd'; ack 1; P crossing = A 5 9 <2>; ack 3; "
-       "A; ack 5; window 0; A; window 100; P back = A 5 13 PA 5 13 'efghij' <2>; r = "
-       "crossingback"},
-      {"a full buffer is told when there is room",
-       "window 0; A; w #150 = 100; w b = EAGAIN; r = EAGAIN; window 60; A = PA 1 1 w100 '#60' <3>; "
-       "w #80 = 60",
-       1, 100},
-      {"only the byte that is due is taken, and what there is room for",
-       "P abc = A 1 4 w97 <2>; P@-3 abc = A 1 4 w97; P@-2 bcdef = A 1 7 w94 <2>; seq 7; P@1 "
-       "zzz = A 1 7 w94; P@1073741824 zzz = A 1 7 w94; P@-1073741824 zzz = A 1 7 w94; P@0 "
-       "#200 = A 1 101 w0 <2>; seq 101; P@0 h = A 1 101 w0; r = #100 A 1 101 w100; P more = "
-       "A 1 105 w96 <2>; r = more; A@-1 = A 1 105 w100",  // a keep-alive
-       1, 100},
-      {"segments of one pass go on together, and in order with the end",
-       "+P abc; +P def; +A; P ghi = A 1 4 A 1 7 A 1 10 <22>; +P jk; F = A 1 12 A 1 13 <22>; r = "
-       "abcdefghijk; r = 0"},
-      {"a FIN with payload counts when it is repeated",
-       "FP@0; FP last = A 1 5 <2>; r = last; r = EAGAIN; FP@-1 = A 1 6 <2>; r = 0"},
-  };
-  for (const Script& script : scripts) run(script, true);
+  run(Flow::open,
+      {
+          {"one segment is outstanding",
+           "window 4; A; w abcdefghij = 10 PA 1 1 'abcd'; ack 1; P crossing = A 5 9 <2>; ack 3; "
+           "A; ack 5; window 0; A; window 100; P back = A 5 13 PA 5 13 'efghij' <2>; r = "
+           "crossingback"},
+          {"a full buffer is told when there is room",
+           "window 0; A; w #150 = 100; w b = EAGAIN; r = EAGAIN; window 60; A = PA 1 1 w100 '#60' "
+           "<3>; "
+           "w #80 = 60",
+           1, 100},
+          {"only the byte that is due is taken, and what there is room for",
+           "P abc = A 1 4 w97 <2>; P@-3 abc = A 1 4 w97; P@-2 bcdef = A 1 7 w94 <2>; seq 7; P@1 "
+           "zzz = A 1 7 w94; P@1073741824 zzz = A 1 7 w94; P@-1073741824 zzz = A 1 7 w94; P@0 "
+           "#200 = A 1 101 w0 <2>; seq 101; P@0 h = A 1 101 w0; r = #100 A 1 101 w100; P more = "
+           "A 1 105 w96 <2>; r = more; A@-1 = A 1 105 w100",  // a keep-alive
+           1, 100},
+          {"segments of one pass go on together, and in order with the end",
+           "+P abc; +P def; +A; P ghi = A 1 4 A 1 7 A 1 10 <22>; +P jk; F = A 1 12 A 1 13 <22>; r "
+           "= "
+           "abcdefghijk; r = 0"},
+          {"a FIN with payload counts when it is repeated",
+           "FP@0; FP last = A 1 5 <2>; r = last; r = EAGAIN; FP@-1 = A 1 6 <2>; r = 0"},
+      });
 }
 
 TEST_F(TunFlowTest, HowItEnds) {
-  const Script scripts[] = {
-      {"the client first", "F = A 1 2 <2>; r = 0; c = FA 1 2; A", 0},
-      {"the proxy first, nothing outstanding", "c = FA 1 1; A; r = 0; F = A 2 2", 0},
-      {"both at once", "c = FA 1 1; ack 1; F = A 2 2", 0},
-      {"data are acknowledged before our FIN", "w data = 4 PA 1 1 'data'; c; A = FA 5 1; F = A 6 2",
-       0},
-      {"the client's FIN lets ours go",
-       "w data = 4 PA 1 1 'data'; ack 1; F = A 5 2 <2>; c = FA 5 2; A", 0},
-      {"data that wait go out first",
-       "w one = 3 PA 1 1 'one'; w two = 3; c; r = 0; A = PA 4 1 'two'; A = FA 7 1; F = A 8 2", 0},
-      {"behind the client's FIN too",
-       "w one = 3 PA 1 1 'one'; w two = 3; F = A 4 2 PA 4 2 'two' <2>; c = FA 7 2; A", 0},
-      {"a reset frees at once", "w data = 4 PA 1 1 'data'; R = <2>", 0},
-      {"what comes after the close is acknowledged, not kept",
-       "c = FA 1 1; P late = A 2 5; F = A 2 6", 0},
-      {"a FIN that is repeated", "F = A 1 2 <2>; F@-1 = A 1 2"},
-      {"no FIN twice", "c = FA 1 1; c; A; A"},
-  };
-  for (const Script& script : scripts) run(script, true);
+  run(Flow::open,
+      {
+          {"the client first", "F = A 1 2 <2>; r = 0; c = FA 1 2; A", 0},
+          {"the proxy first, nothing outstanding", "c = FA 1 1; A; r = 0; F = A 2 2", 0},
+          {"both at once", "c = FA 1 1; ack 1; F = A 2 2", 0},
+          {"data are acknowledged before our FIN",
+           "w data = 4 PA 1 1 'data'; c; A = FA 5 1; F = A 6 2", 0},
+          {"the client's FIN lets ours go",
+           "w data = 4 PA 1 1 'data'; ack 1; F = A 5 2 <2>; c = FA 5 2; A", 0},
+          {"data that wait go out first",
+           "w one = 3 PA 1 1 'one'; w two = 3; c; r = 0; A = PA 4 1 'two'; A = FA 7 1; F = A 8 2",
+           0},
+          {"behind the client's FIN too",
+           "w one = 3 PA 1 1 'one'; w two = 3; F = A 4 2 PA 4 2 'two' <2>; c = FA 7 2; A", 0},
+          {"a reset frees at once", "w data = 4 PA 1 1 'data'; R = <2>", 0},
+          {"what comes after the close is acknowledged, not kept",
+           "c = FA 1 1; P late = A 2 5; F = A 2 6", 0},
+          {"a FIN that is repeated", "F = A 1 2 <2>; F@-1 = A 1 2"},
+          {"no FIN twice", "c = FA 1 1; c; A; A"},
+      });
 }
 
 TEST_F(TunFlowTest, SegmentsFitTheLengthField) {

@@ -68,24 +68,18 @@ TEST(TunPacket, HeadersByteForByte) {
     std::string_view payload;
     const char* header;
   } tcp[] = {
-      {"SYN-ACK over IPv4, with its MSS",
-       route(ip_v4, 443, 40000),
-       {.sequence = 0, .acknowledgement = 0x01020305, .flags = 0x12, .window = 65535, .mss = 65491},
+      {"SYN-ACK over IPv6, with its MSS",
+       route(ip_v6, 443, 40000),
+       {.sequence = 0, .acknowledgement = 0x01020305, .flags = 0x12, .window = 65535, .mss = 65471},
        "",
-       "4500002c000000004006a9bfc00002070a050501"
-       "01bb9c4000000000010203056012ffff2ae700000204ffd3"},
+       "600000000018064020010db8000000000000000000000007fd000000000000000000000000000001"
+       "01bb9c4000000000010203056012ffffd14600000204ffbf"},
       {"data, with an odd length",
        route(ip_v4, 443, 40000),
        {.sequence = 1, .acknowledgement = 0x01020305, .flags = 0x18, .window = 1234, .mss = {}},
        "hello",
        "4500002d000000004006a9bec00002070a050501"
        "01bb9c400000000101020305501804d2f4120000"},
-      {"FIN-ACK without a window",
-       route(ip_v6, 443, 40000),
-       {.sequence = 0xfffffffe, .acknowledgement = 5, .flags = 0x11, .window = 0, .mss = {}},
-       "",
-       "600000000014064020010db8000000000000000000000007fd000000000000000000000000000001"
-       "01bb9c40fffffffe0000000550110000e7120000"},
   };
   HeaderBuffer buffer;
   for (const auto& c : tcp) {
