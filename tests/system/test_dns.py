@@ -10,12 +10,12 @@ import time
 
 import pytest
 
-from lib import conf, quick, socks5
+from lib import conf, socks5
 from lib.conf import AGENT, PASSWORD, dns_global
-from lib.daemon import DNS_PORT
+from lib.daemon import DNS_PORT, SWEEP_BIN
 from lib.dns import A, AAAA, question_of, reply_to
 from lib.far_end import FarEnd, PlainEnd
-from lib.net import family_of, listeners, port_of, read_exactly, read_until, reset, silent
+from lib.net import bytewise, family_of, listeners, port_of, read_exactly, read_until, reset, silent
 from lib.udp_tunnel import udp
 from lib.wait import DEADLINE, until
 
@@ -79,13 +79,6 @@ def framed(message):
     return struct.pack(">H", len(message)) + message
 
 
-def in_pieces(conn, data, size=1):
-    conn.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-    for at in range(0, len(data), size):
-        conn.sendall(data[at:at + size])
-        time.sleep(0.001)
-
-
 class TcpNames:
     """A DNS server over TCP: answers with one address, keeps what it is asked, and can be told otherwise."""
 
@@ -118,7 +111,7 @@ class HttpNames:
         head = read_until(conn, b"\r\n\r\n")
         self.heads.append(head)
         many = isinstance(self.response, dict)
-        in_pieces(conn, self.response[head.split()[1].split(b"=")[1]] if many else self.response, self.size)
+        bytewise(conn, self.response[head.split()[1].split(b"=")[1]] if many else self.response, self.size)
 
 
 def ok(body, *headers):
@@ -126,7 +119,6 @@ def ok(body, *headers):
 
 
 def answer_of(query, address="1.2.3.4"):
-    """The locally built answer, byte for byte."""
     kind = question_of(query)[1]
     data = socket.inet_pton(socket.AF_INET, address)
     if kind == AAAA:
@@ -351,7 +343,7 @@ def tunnel_server(net, inner, status=b"HTTP/1.1 200 OK\r\nX: y\r\n\r\n", ends=No
         if ends is not None:
             ends.append(end)
         # Only what begins like HTTP is awaited to the end of its head.
-        in_pieces(conn, status, 5 if status.startswith(b"HTTP") else 1000)
+        bytewise(conn, status, 5 if status.startswith(b"HTTP") else 1000)
         if inner:
             inner(end)
 
@@ -360,7 +352,7 @@ def tunnel_server(net, inner, status=b"HTTP/1.1 200 OK\r\nX: y\r\n\r\n", ends=No
 
 def framed_inner(end):
     query = end.read(*struct.unpack(">H", end.read(2)))
-    in_pieces(end.conn, end.encode(framed(reply_to(query, ["192.0.2.7"]))), 9)
+    bytewise(end.conn, end.encode(framed(reply_to(query, ["192.0.2.7"]))), 9)
 
 
 def http_inner(end):
@@ -483,12 +475,11 @@ def test_cache_of_workers(net, vrox, client, signals, between):
 # The end
 
 
-@quick.needed
 @pytest.mark.parametrize("slots, count", [(1, 3), (9, 1)])
 def test_graceful_stop_answers_what_is_open_or_waits_for_a_slot(net, vrox, slots, count):
     names = TcpNames(net)
     names.respond = names.answer_later
-    daemon = vrox(dns_global(f"max_sessions = {slots}") + over_tcp(names.port), binary=quick.SWEEP_BIN)
+    daemon = vrox(dns_global(f"max_sessions = {slots}") + over_tcp(names.port), binary=SWEEP_BIN)
     queries = {query_for(f"n{i}.example"): Client(net) for i in range(count)}
     for query, client in queries.items():
         client.send(query)
@@ -503,17 +494,16 @@ def test_graceful_stop_answers_what_is_open_or_waits_for_a_slot(net, vrox, slots
     assert len(names.asked) == count
 
 
-@quick.needed
 def test_idle_queries_are_swept(net, vrox, client):
     """Two sweeps count a query up, the next one ends it; with 0 it is kept for ever."""
     closed, names, patient = threading.Event(), TcpNames(net), net.listen()
     names.respond = lambda conn, query: (conn.recv(1), closed.set())
     vrox(dns_global("timeout = 0", listen=f"127.0.0.1:{DNS_PORT + 1}") + over_tcp(port_of(patient)),
-         binary=quick.SWEEP_BIN)
+         binary=SWEEP_BIN)
     Client(net, port=DNS_PORT + 1).send(query_for("www.example"))
     kept = net.accept(patient)
     read_framed(kept)
-    vrox(dns_global("max_sessions = 1", "timeout = 2") + over_tcp(names.port), binary=quick.SWEEP_BIN)
+    vrox(dns_global("max_sessions = 1", "timeout = 2") + over_tcp(names.port), binary=SWEEP_BIN)
     begun = time.monotonic()
     client.send(query_for("stalls.example"))
     assert closed.wait(DEADLINE) and time.monotonic() - begun >= 1.5

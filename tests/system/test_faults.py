@@ -11,18 +11,15 @@ import signal
 import subprocess
 import time
 from collections import Counter
-from pathlib import Path
 
 import pytest
 
 from lib import faults, peers, tun
-from lib.daemon import ENV, SANITIZED, _serves, alive, check_reports, command
+from lib.daemon import ENV, SANITIZED, _serves, alive, command
 from lib.faults import SHORT
 from lib.net import sysctl
 from lib.wait import DEADLINE, until
 
-pytestmark = pytest.mark.skipif(
-    not (Path(faults.INJECT).exists() and Path(peers.PEERS_BIN).exists()), reason="needs the targets inject and peers")
 SECONDS = float(os.environ.get("FAULT_SECONDS", "30"))
 
 EXHAUSTED = [e.EMFILE, e.ENFILE, e.ENOMEM]

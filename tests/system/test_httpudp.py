@@ -9,9 +9,9 @@ import time
 
 import pytest
 
-from lib import conf, quick, socks5
+from lib import conf, socks5
 from lib.conf import AGENT, PASSWORD
-from lib.daemon import alive
+from lib.daemon import SWEEP_BIN, alive
 from lib.net import admit_fast_open, bytewise, came_in_syn, ended, listeners, port_of, read_exactly, reset, silent
 from lib.udp_tunnel import (OK, RELAY_PORT, TPROXY_PORT, Tunnel, frame, header, transparent, udp)
 from lib.wait import DEADLINE, until
@@ -422,9 +422,8 @@ def test_nonsense_ends_the_tunnel(net, vrox, far, origin):
 # Time and the end
 
 
-@quick.needed
 def test_idle_tunnels(net, vrox, far):
-    vrox(http_udp(far, "timeout = 2"), binary=quick.SWEEP_BIN)
+    vrox(http_udp(far, "timeout = 2"), binary=SWEEP_BIN)
     begun = time.monotonic()
     (idle, tunnel), (busy, kept) = pair(net, far), pair(net, far)
     while tunnel.silent(0.2):
@@ -434,13 +433,12 @@ def test_idle_tunnels(net, vrox, far):
     opened(net, far, idle, b"again")
 
 
-@quick.needed
 def test_tunnels_without_a_limit_and_with_nothing_moving(net, vrox, far):
     """A client that goes on sending does not keep a tunnel whose far end takes nothing."""
     far.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 14)
-    vrox(http_udp(far, "timeout = 1"), binary=quick.SWEEP_BIN)
+    vrox(http_udp(far, "timeout = 1"), binary=SWEEP_BIN)
     patient, other_relay = net.listen(), RELAY_PORT + 1
-    vrox(http_udp(patient, "timeout = 0", tproxy=None, relay=f":::{other_relay}"), binary=quick.SWEEP_BIN)
+    vrox(http_udp(patient, "timeout = 0", tproxy=None, relay=f":::{other_relay}"), binary=SWEEP_BIN)
     udp(net).sendto(header(*SERVICE) + b"x", ("127.0.0.1", other_relay))
     kept = accept(net, patient)
     kept.read()
@@ -457,10 +455,9 @@ def test_tunnels_without_a_limit_and_with_nothing_moving(net, vrox, far):
     assert kept.silent(2)
 
 
-@quick.needed
 def test_graceful_stop(net, vrox, far):
     """The listeners close at once; open tunnels go on, and SOCKS5 clients are still answered."""
-    daemon = vrox(http_udp(far, "timeout = 0"), binary=quick.SWEEP_BIN)
+    daemon = vrox(http_udp(far, "timeout = 0"), binary=SWEEP_BIN)
     pairs = [pair(net, far, *way) for way in WAYS]
     daemon.signal(signal.SIGUSR1)
     until(lambda: not {port for _, port in listeners("udp")} & {RELAY_PORT, TPROXY_PORT}, "the listeners are closed")

@@ -10,8 +10,8 @@ import time
 
 import pytest
 
-from lib import conf, quick, socks5
-from lib.daemon import BIN, ENV, SANITIZED, SOCKS_PORT, TCP_PORT, TSAN, alive, check_reports, command, run
+from lib import conf, socks5
+from lib.daemon import BIN, ENV, SANITIZED, SOCKS_PORT, SWEEP_BIN, TCP_PORT, TSAN, alive, check_reports, command, run
 from lib.net import ended, exchange, listeners, read_exactly
 from lib.wait import DEADLINE, until
 
@@ -43,7 +43,6 @@ def reaped(process):
 
 
 def sleeper(net, path, ignoring=()):
-    """A process of this name that does nothing."""
     path.parent.mkdir(exist_ok=True)
     shutil.copy("/bin/sleep", path)
 
@@ -119,10 +118,9 @@ def test_drain_without_sessions_ends_at_once(vrox, origin):
     assert not listeners() & OPENED
 
 
-@quick.needed
 @pytest.mark.parametrize("workers", [1, 4])
 def test_drain_accepts_what_waits_and_finishes_its_sessions(net, vrox, origin, workers):
-    daemon = vrox(config(origin), workers=workers, binary=quick.SWEEP_BIN)
+    daemon = vrox(config(origin), workers=workers, binary=SWEEP_BIN)
     open_before = [net.joined(origin) for _ in range(5)]
     for pid in daemon.pids:
         os.kill(pid, signal.SIGSTOP)
@@ -154,9 +152,8 @@ def test_drain_accepts_what_waits_and_finishes_its_sessions(net, vrox, origin, w
     assert daemon.wait() == 0
 
 
-@quick.needed
 def test_drain_waits_for_unfinished_handshakes(net, vrox, origin):
-    daemon = vrox(config(origin), binary=quick.SWEEP_BIN)
+    daemon = vrox(config(origin), binary=SWEEP_BIN)
     client = socks5.greeted(net)
     daemon.signal(signal.SIGUSR1)
     time.sleep(2.2)
@@ -199,10 +196,9 @@ def test_drain_looks_again_after_a_minute(net, vrox, origin):
 # -r
 
 
-@quick.needed
 @pytest.mark.parametrize("workers", [1, 3])
 def test_restart_leaves_the_old_sessions_to_the_old_instance(net, vrox, named, origin, workers):
-    path = named(binary=quick.SWEEP_BIN)
+    path = named(binary=SWEEP_BIN)
     new_origin = net.listen()
     old = vrox(config(origin), workers=workers, binary=path)
     client, upstream = net.joined(origin)
@@ -271,11 +267,10 @@ class Load:
             self.late += 1
 
 
-@quick.needed
 @pytest.mark.parametrize("workers, restarts", [
     (1, 2), pytest.param(1, 12, marks=pytest.mark.slow), pytest.param(4, 12, marks=pytest.mark.slow)])
 def test_restart_under_load(net, vrox, named, workers, restarts):
-    path, load = named(binary=quick.SWEEP_BIN), Load(net)
+    path, load = named(binary=SWEEP_BIN), Load(net)
     text = conf.fixed(load.port, extra=conf.socks5())
     instances = [vrox(text, workers=workers, binary=path)]
     load.start()

@@ -22,7 +22,6 @@ def limited(origin, *keys):
 
 
 def directed(pair, upload):
-    """(source, sink) of a connection."""
     return pair if upload else pair[::-1]
 
 

@@ -2,7 +2,6 @@
 import contextlib
 import socket
 import subprocess
-from pathlib import Path
 
 import pytest
 
@@ -10,8 +9,6 @@ from lib import conf, peers
 from lib.daemon import SANITIZED, TCP_PORT
 from lib.net import exchange, sysctl
 from lib.wait import until
-
-loaded = pytest.mark.skipif(not Path(peers.PEERS_BIN).exists(), reason="needs the target peers")
 
 
 @contextlib.contextmanager
@@ -31,17 +28,14 @@ def under_load(vrox, directory, *arguments, sessions):
     assert SANITIZED or daemon.rss_kib() < memory + 8192
 
 
-@loaded
 @pytest.mark.slow
 def test_nine_thousand_at_once(net, vrox, tmp_path):
-    """None ends before all of them are open, and each is served then."""
     count = 9000
     with under_load(vrox, tmp_path, "hold", count, sessions=count) as (daemon, base, run):
         until(lambda: run.lines == ["open"], "the peers have connected", 120)
         until(lambda: daemon.fds() >= base + 2 * count, "each session has its two sockets", 60)
 
 
-@loaded
 @pytest.mark.slow
 def test_one_after_the_other(net, vrox, tmp_path):
     """Far more than there are slots. A million of them: bench/peers, churn 1000000 64."""

@@ -7,7 +7,7 @@ from pathlib import Path
 
 import pytest
 
-from lib import conf, tun
+from lib import tun
 from lib.daemon import BIN
 from lib.net import exchange
 from lib.wait import DEADLINE, until

@@ -1,5 +1,6 @@
 """httpMod: requests as a scripted origin receives them, byte for byte."""
 import socket
+from collections import namedtuple
 
 import pytest
 
@@ -11,9 +12,7 @@ DESTINATION = ("10.0.0.1", 80)
 GET = b"GET /p?q HTTP/1.1\r\nHost: a.b\r\nX-A: 1\r\nx-a: 2\r\nX-AB: 3\r\n\r\n"
 
 
-class Case:
-    def __init__(self, directives, request, expected, to=DESTINATION, key="httpMod"):
-        self.directives, self.request, self.expected, self.to, self.key = directives, request, expected, to, key
+Case = namedtuple("Case", "directives request expected to key", defaults=(DESTINATION, "httpMod"))
 
 
 def line(first, rest=b"Host: a.b\r\n\r\n"):

@@ -5,16 +5,14 @@ import time
 
 import pytest
 
-from lib import bulk, conf, quick, socks5
-from lib.daemon import SOCKS_PORT, TCP_PORT
+from lib import bulk, conf, socks5
+from lib.daemon import SWEEP_BIN, TCP_PORT
 from lib.net import ended, exchange, port_of, read_exactly, silent, sysctl
-
-pytestmark = quick.needed
 
 
 @pytest.fixture
 def start(vrox):
-    return lambda text: vrox(text, binary=quick.SWEEP_BIN)
+    return lambda text: vrox(text, binary=SWEEP_BIN)
 
 
 def assert_swept(conn, limit):

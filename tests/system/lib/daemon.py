@@ -10,6 +10,8 @@ from pathlib import Path
 from lib.wait import DEADLINE, until
 
 BIN = os.environ["VROX_BIN"]
+# The program whose sweeps and drain checks come each second instead of each minute.
+SWEEP_BIN = os.environ.get("VROX_SWEEP_BIN") or str(Path(BIN).with_name("vrox_sweep"))
 UID = 64001  # the daemon's effective user where its own traffic must be told apart
 SANITIZED = re.search(rb"__([at]san)_init", Path(BIN).read_bytes())
 TSAN = SANITIZED and SANITIZED[1] == b"tsan"
@@ -168,7 +170,6 @@ class Daemon:
         return self.ended[self.pid]
 
     def end_one(self, pid):
-        """Ends one worker and leaves the others."""
         self.dismissed.add(pid)
         os.kill(pid, signal.SIGTERM)
         until(lambda: not alive(pid), "one worker ends")

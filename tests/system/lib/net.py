@@ -26,7 +26,6 @@ def family_of(address):
 
 
 def new_namespace():
-    """Moves this process into a network namespace that nobody else sees."""
     if _libc.unshare(_CLONE_NEWNET):
         raise OSError(ctypes.get_errno(), "unshare")
     batch = ("link set lo up\naddr add 10.77.0.1/16 dev lo\naddr add fd77::1/64 dev lo nodad\n"
@@ -114,16 +113,15 @@ def ended(conn):
 
 
 def reset(conn):
-    """Closes with RST instead of FIN."""
     conn.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
     conn.close()
 
 
-def bytewise(conn, data):
-    """Each byte a segment of its own, seen by the daemon one after the other more often than not."""
+def bytewise(conn, data, size=1):
+    """Pieces of this size, each a segment of its own, seen by the daemon one after the other more often than not."""
     conn.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-    for i in range(len(data)):
-        conn.sendall(data[i:i + 1])
+    for at in range(0, len(data), size):
+        conn.sendall(data[at:at + size])
         time.sleep(0.0005)
 
 
@@ -145,8 +143,6 @@ def exchange(a, b, text=b"\x01 there", back=b"\x01 and back"):
 
 
 class Net:
-    """Makes peers and takes all of them down again."""
-
     def __init__(self):
         self._stack = contextlib.ExitStack()
         self._failures = []
@@ -169,7 +165,6 @@ class Net:
         return self.keep(conn)
 
     def idle(self, listener, seconds=QUIET):
-        """True when nobody connects for a while."""
         listener.settimeout(seconds)
         try:
             listener.accept()[0].close()

@@ -68,8 +68,6 @@ def prepare_network():
 
 
 class Peers:
-    """One run of the program; its lines in a file."""
-
     def __init__(self, directory, *arguments, **options):
         self.path = Path(directory) / "peers.out"
         with open(self.path, "wb") as out, open(Path(directory) / "peers.err", "wb") as err:

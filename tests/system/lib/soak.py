@@ -4,8 +4,8 @@ import sys
 import tempfile
 import time
 
-from lib import peers, quick, tun
-from lib.daemon import SANITIZED, Daemon
+from lib import peers, tun
+from lib.daemon import SANITIZED, SWEEP_BIN, Daemon
 from lib.net import new_namespace, sysctl
 
 STEP = 10.0
@@ -29,7 +29,7 @@ def _grown(memory):
 def run(directory, seconds, seed, workers, tell=print):
     """Raises when something is wrong; returns the summary. The network is the caller's."""
     peers.prepare_network()
-    daemon = Daemon(directory, peers.configuration(), binary=quick.SWEEP_BIN)
+    daemon = Daemon(directory, peers.configuration(), binary=SWEEP_BIN)
     try:
         tun.open_routes()
         base, memory, begun = daemon.fds(), [], time.monotonic()

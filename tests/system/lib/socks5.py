@@ -11,7 +11,6 @@ CONNECTED = bytes.fromhex("05000001000000000000")
 
 
 def request(host, port, command=1):
-    """The request for an IPv4 or IPv6 address, or for a name."""
     if ":" in host:
         address = b"\x04" + socket.inet_pton(socket.AF_INET6, host)
     elif host.replace(".", "").isdigit():
