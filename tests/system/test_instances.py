@@ -77,7 +77,8 @@ def test_a_name_longer_than_the_kernel_keeps_never_matches(vrox, named, origin):
     assert alive(daemon.pid)
 
 
-@pytest.mark.parametrize("ignoring, end", [([signal.SIGTERM], signal.SIGKILL), ([], signal.SIGTERM)], ids=["forced", "obedient"])
+@pytest.mark.parametrize("ignoring, end", [([signal.SIGTERM], signal.SIGKILL), ([], signal.SIGTERM)],
+                         ids=["forced", "obedient"])
 def test_kill_waits_as_long_as_needed(net, named, ignoring, end):
     path = named()
     process = reaped(sleeper(net, path.parent / "s" / NAME, ignoring))

@@ -91,6 +91,9 @@ def test_fast_open_towards_the_upstream(net, vrox, origin, works):
         assert read_exactly(upstream, 7) == b"\x01 first"
         exchange(client, upstream)
     assert came_in_syn(upstream) == works
+    client = net.connect()  # says nothing: before long the upstream may speak first
+    net.accept(origin).sendall(b"banner")
+    assert read_exactly(client, 6) == b"banner"
 
 
 def test_fast_open_from_clients(net, vrox, origin):
@@ -102,7 +105,8 @@ def test_fast_open_from_clients(net, vrox, origin):
     assert came_in_syn(client)
 
 
-@pytest.mark.parametrize("line, low, high", [([], 50, 60), (["keepAlive_s = 500"], 490, 500), (["keepAlive_s = 0"], 0, 0)])
+@pytest.mark.parametrize("line, low, high", [
+    ([], 50, 60), (["keepAlive_s = 500"], 490, 500), (["keepAlive_s = 0"], 0, 0)])
 def test_keep_alive_of_client_sockets(net, vrox, origin, line, low, high):
     vrox(conf.fixed(origin, *line))
     exchange(*net.joined(origin))

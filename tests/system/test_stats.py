@@ -16,12 +16,11 @@ NAMES = ["web", "web2", "first", "other"]
 SAVES_ACROSS_FORK = pytest.mark.skipif(TSAN, reason="ThreadSanitizer starts no thread after a fork beside another one")
 
 
-def config(save="0 stats", rules=None, global_keys=("maxData = 1M",)):
-    """tcp::Global and the rules web and web2 (request time), first and other (connection time)."""
-    if rules is None:
-        modes = [[], ["matchMode = firstMatch"], [], ["matchMode = firstMatch"]]
-        rules = "".join(conf.rule(name, *mode, "dst_port = 1")
-                        for name, mode in zip(["web", "first", "web2", "other"], modes))
+RULES = (conf.rule("web", "dst_port = 1") + conf.rule("first", "matchMode = firstMatch", "dst_port = 1")
+         + conf.rule("web2", "dst_port = 1") + conf.rule("other", "matchMode = firstMatch", "dst_port = 1"))
+
+
+def config(save="0 stats", rules=RULES, global_keys=("maxData = 1M",)):
     return conf.tcp_global("tcpProxy = direct", f"maxData_savePath = {save}", *global_keys) + conf.DIRECT + rules
 
 
@@ -48,7 +47,8 @@ LOADED = {
     "case and the line's start matter": (b"Global: 1\nWEB: 2\n web: 1\n\tglobal: 2\n", lines()),
     "unknown names, no number": (b"nobody: 1\n\n: 2\nweb:\nother: x\nfirst: \n", lines()),
     "what follows a number is ignored": (b"web: 5G\nother: 6.7\nfirst: 0x10\n", lines(web=5, other=6, first=0)),
-    "beyond the largest number, a sign": (b"web: 99999999999999999999\nother: -1\n", lines(web=2**64 - 1, other=2**64 - 1)),
+    "beyond the largest number, a sign": (
+        b"web: 99999999999999999999\nother: -1\n", lines(web=2**64 - 1, other=2**64 - 1)),
     "zero bytes": (b"\0\nweb: 4\0 5\n\0web: 6\nother: 1\n", lines(web=4, other=1)),
     "a line longer than any": (b"web" + b"x" * 200000 + b" 21\nother: 4\n", lines(web=21, other=4)),
 }
