@@ -21,8 +21,6 @@ class Rewriter {
       EXPECT_TRUE(apply_directive(line.first, line.second, module)) << line.first;
     }
   }
-  Rewriter(const Rewriter&) = delete;
-  Rewriter& operator=(const Rewriter&) = delete;
   ~Rewriter() {
     for (auto* at = module.directives.head; at != nullptr;) delete std::exchange(at, at->next);
     for (auto* at = module.saved_values.head; at != nullptr;) delete std::exchange(at, at->next);
@@ -31,7 +29,8 @@ class Rewriter {
   std::string operator()(std::string_view request) {
     Buffer buffer;
     EXPECT_TRUE(buffer.assign(request));
-    const RequestView view{buffer, method_code(request), *parse_address("10.0.0.1", 80), 7, 8080};
+    const SocketAddress destination = *parse_address("10.0.0.1", 80);
+    const RequestView view{buffer, method_code(request), destination, 7, 8080};
     const bool done = modify_request(view, module, key);
     EXPECT_TRUE(done || buffer.view() == request) << "a failure leaves the request alone";
     return done ? std::string(buffer.view()) : "failed";

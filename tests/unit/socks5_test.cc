@@ -27,8 +27,6 @@ class Client {
     conn.fd = ends[0];
     end_ = ends[1];
   }
-  Client(const Client&) = delete;
-  Client& operator=(const Client&) = delete;
   ~Client() {
     (void)close(conn.fd);
     (void)close(end_);

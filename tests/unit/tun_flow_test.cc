@@ -4,9 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <functional>
-#include <memory>
 #include <optional>
 #include <random>
 #include <string>
