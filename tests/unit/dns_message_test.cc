@@ -98,6 +98,8 @@ TEST(DnsMessage, OnlyAddressesOfTheWantedTypeCount) {
       {"the root as owner", answer(record("\0"s, 1, "\1\2\3\4"), 1), 1, "\1\2\3\4"},
       {"an A record of three bytes", answer(a1 + record(pointer, 1, "\1\2\3"), 2), -1},
       {"more records told than there are", answer(a1, 2), -1},
+      {"a record cut in its address", answer(a1 + a2.substr(0, a2.size() - 1), 2), -1},
+      {"a record cut in its head", answer(a1 + cname.substr(0, 11), 2), -1},
       {"an owner that points at itself", answer(record("\xc0\x1d"s, 1, "\1\2\3\4"), 1), -1},
       {"owners that point at each other", answer(record("\xc0\x1f\xc0\x1d"s, 1, "\1\2\3\4"), 1),
        -1},
@@ -108,19 +110,6 @@ TEST(DnsMessage, OnlyAddressesOfTheWantedTypeCount) {
     EXPECT_EQ(decode_answer(bytes_of(c.message), type_a, list), c.found) << c.why;
     EXPECT_EQ(list.size(), static_cast<unsigned>(std::max(c.found, 0))) << c.why;
     EXPECT_EQ(list.empty() ? "" : text_of(list.back().bytes).substr(0, 4), c.last) << c.why;
-  }
-}
-
-TEST(DnsMessage, AnAnswerNeedsEveryByte) {
-  const std::string whole =
-      answer(record(pointer, 5, "\1x\0"s) + record("\1y\xc0\x10"s, 1, "\1\2\3\4"), 2);
-  for (std::size_t length = 0; length <= whole.size(); ++length) {
-    const std::string cut = whole.substr(0, length);
-    std::vector<ResolvedAddress> list;
-    EXPECT_EQ(decode_answer(bytes_of(cut), type_a, list), length == whole.size() ? 1 : -1)
-        << "cut at " << length;
-    EXPECT_EQ(question_bytes(bytes_of(cut)).has_value(), length >= 12 + www.size())
-        << "cut at " << length;
   }
 }
 
@@ -139,6 +128,8 @@ TEST(DnsMessage, AnAnswerBelongsToItsQuery) {
       {"addresses without a question",
        "\x12\x34\x81\x80\0\0\0\1\0\0\0\0"s + record("\0"s, 1, "\1\2\3\4"), false},
   };
+  const std::string cut = asked.substr(0, asked.size() - 1);
+  EXPECT_FALSE(question_bytes(bytes_of(cut))) << "no whole question";
   for (const auto& c : cases) {
     EXPECT_EQ(answers_query(bytes_of(c.message), bytes_of(asked)), c.belongs) << c.why;
   }
