@@ -3,7 +3,6 @@ import random
 import signal
 import socket
 import struct
-import subprocess
 import threading
 import time
 
@@ -12,7 +11,8 @@ import pytest
 from lib import conf, socks5
 from lib.conf import AGENT, PASSWORD
 from lib.daemon import SWEEP_BIN, alive
-from lib.net import admit_fast_open, bytewise, came_in_syn, ended, listeners, port_of, read_exactly, reset, silent
+from lib.net import (admit_fast_open, bytewise, came_in_syn, ended, ip, listeners, nft, port_of, read_exactly,
+                     reset, silent)
 from lib.udp_tunnel import (OK, RELAY_PORT, TPROXY_PORT, Tunnel, frame, header, transparent, udp)
 from lib.wait import DEADLINE, until
 
@@ -176,9 +176,8 @@ def test_replies_come_from_the_address_that_they_name(net, vrox, far):
 
 def test_firewalls_that_look_for_sockets_first(net, vrox, far):
     """A common shortcut in front of the tproxy rule; a reply's socket must not be found by it."""
-    rule = ("insert rule inet divert prerouting meta l4proto udp socket transparent 1 socket wildcard 0 "
-            "meta mark set 1 accept")
-    subprocess.run(["nft", rule], check=True)
+    nft("insert rule inet divert prerouting meta l4proto udp socket transparent 1 socket wildcard 0 "
+        "meta mark set 1 accept")
     vrox(http_udp(far))
     for v6 in False, True:
         client, tunnel = pair(net, far, "transparent", v6)
@@ -209,7 +208,7 @@ def test_a_relay_client_is_answered_from_where_it_sent_to(net, vrox, far):
     sock.sendto(b"1", SERVICE)
     other = accept(net, far)
     assert other.read() == header(*SERVICE) + b"1"
-    subprocess.run(["ip", "addr", "add", "10.77.3.4", "dev", "lo"], check=True)
+    ip("addr add 10.77.3.4 dev lo")
     tunnel, datagram = None, header("a.name.test", 53) + b"to a name"
     for relay in ("127.0.0.1", HERE, "10.77.3.4"):
         sock.sendto(datagram, (relay, RELAY_PORT))

@@ -9,7 +9,7 @@ import pytest
 
 from lib import tun
 from lib.daemon import BIN
-from lib.net import exchange
+from lib.net import exchange, ip
 from lib.wait import DEADLINE, until
 
 ROOT = Path(__file__).parents[2]
@@ -133,7 +133,7 @@ def test_a_device_that_is_handed_over(net, vrox, tmp_path):
     """android/tun_handover.cc, the peer of unix_path, with a device that is set up by others."""
     program = tmp_path / "tun_handover"
     subprocess.run(["g++", *FLAGS, "-o", program, ROOT / "android/tun_handover.cc"], check=True)
-    tun.ip("tuntap add mode tun dev tun3", "addr add 10.5.5.5 dev tun3", "link set tun3 mtu 1400 up")
+    ip("tuntap add mode tun dev tun3", "addr add 10.5.5.5 dev tun3", "link set tun3 mtu 1400 up")
     path = tmp_path / "socket"
     said = open(tmp_path / "said", "w+")
     net.program(program, path, "tun3", stdout=said)

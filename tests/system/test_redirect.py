@@ -7,7 +7,7 @@ import pytest
 from lib import conf, tun
 from lib.daemon import DNS_PORT, TCP_PORT, UID
 from lib.dns import answer_over_tcp
-from lib.net import exchange, sysctl
+from lib.net import exchange, ip, sysctl
 from lib.udp_tunnel import TPROXY_PORT, Tunnel, header, udp
 from lib.wait import until
 from lib.world import World, privileged, resolve
@@ -85,7 +85,7 @@ def test_sockets(net, world, serve, backend):
     assert resolve() == resolve(server="192.168.7.53") == "192.0.2.99"
     reaches(net, near, NEAR)
     with world:  # which is also a client, for whom this machine is the router
-        tun.ip("route add 198.18.0.0/24 via 203.0.113.2", "-6 route add 2001:db8:9::/64 via 2001:db8:1::2")
+        ip("route add 198.18.0.0/24 via 203.0.113.2", "route add 2001:db8:9::/64 via 2001:db8:1::2")
         taken("198.18.0.7")
         taken("2001:db8:9::7")
         assert resolve(server="198.18.0.7") == "192.0.2.99"

@@ -11,7 +11,7 @@ import pytest
 from lib import bulk, conf, tun, udp_tunnel
 from lib.daemon import SANITIZED, SWEEP_BIN, TCP_PORT, UID
 from lib.dns import A, dnsmasq
-from lib.net import ended, exchange, listeners, port_of, read_exactly, silent
+from lib.net import ended, exchange, ip, listeners, port_of, read_exactly, silent
 from lib.wait import DEADLINE, QUIET, until
 
 MIB = 1 << 20
@@ -190,8 +190,8 @@ def test_a_device_that_goes_away(net, served):
     daemon = served()
     client, upstream = joined(net, origin)
     exchange(client, upstream)
-    tun.ip(f"link set {tun.DEVICE} down", f"link set {tun.DEVICE} up")
-    tun.ip(f"link delete {tun.DEVICE}")
+    ip(f"link set {tun.DEVICE} down", f"link set {tun.DEVICE} up")
+    ip(f"link delete {tun.DEVICE}")
     with daemon.at_rest():
         time.sleep(0.5)
     upstream.sendall(b"to nobody")

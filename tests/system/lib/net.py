@@ -28,12 +28,21 @@ def family_of(address):
 def new_namespace():
     if _libc.unshare(_CLONE_NEWNET):
         raise OSError(ctypes.get_errno(), "unshare")
-    batch = ("link set lo up\naddr add 10.77.0.1/16 dev lo\naddr add fd77::1/64 dev lo nodad\n"
-             "route add local fd77::/16 dev lo\n")
-    subprocess.run(["ip", "-batch", "-"], input=batch, text=True, check=True)
+    ip("link set lo up", "addr add 10.77.0.1/16 dev lo", "addr add fd77::1/64 dev lo nodad",
+       "route add local fd77::/16 dev lo")
     sysctl("net.ipv4.tcp_fastopen", 3)
     sysctl("net.ipv6.ip_nonlocal_bind", 1)  # fd77::/16 is local, but only fd77::1 is an address
     sysctl("net.ipv4.ip_local_port_range", "10000 65000")
+
+
+def ip(*commands, family="", keep=()):
+    """Commands of ip(8), which may name kept descriptors."""
+    argv = ["ip", *family.split(), "-batch", "-"]
+    subprocess.run(argv, input="\n".join(commands), text=True, check=True, pass_fds=keep)
+
+
+def nft(ruleset):
+    subprocess.run(["nft", "-f", "-"], input=ruleset, text=True, check=True)
 
 
 def sysctl(name, value):
@@ -227,14 +236,13 @@ class Net:
 
     def redirect(self, port=TCP_PORT, uid=UID):
         """Redirects every connection to the test's addresses, except the daemon's own."""
-        ruleset = f"""table inet test {{
+        nft(f"""table inet test {{
           chain output {{
             type nat hook output priority -100;
             meta l4proto tcp meta skuid != {uid} ip daddr 10.77.0.0/16 redirect to :{port}
             meta l4proto tcp meta skuid != {uid} ip6 daddr fd77::/16 redirect to :{port}
           }}
-        }}"""
-        subprocess.run(["nft", "-f", "-"], input=ruleset, text=True, check=True)
+        }}""")
 
     def program(self, *argv, **options):
         """A helper program, ended with the test."""

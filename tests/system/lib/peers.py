@@ -8,6 +8,7 @@ from pathlib import Path
 
 from lib import conf, tun, udp_tunnel
 from lib.daemon import BIN, DNS_PORT
+from lib.net import nft
 from lib.wait import until
 
 PEERS_BIN = os.environ.get("VROX_PEERS_BIN") or str(Path(BIN).with_name("peers"))
@@ -57,13 +58,12 @@ def configuration(sessions=1024, timeouts=True, cache="cache"):
 
 def prepare_network():
     """Before the daemon starts; its device's routes come after it."""
-    ruleset = f"""table inet soak {{
+    nft(f"""table inet soak {{
       chain output {{
         type nat hook output priority -100;
         meta mark {MARK} meta l4proto tcp redirect to :1080
       }}
-    }}"""
-    subprocess.run(["nft", "-f", "-"], input=ruleset, text=True, check=True)
+    }}""")
     udp_tunnel.transparent()
 
 

@@ -14,10 +14,6 @@ SLACK_KIB, SLACK_PART = 3072, 0.05
 SPARE_FDS = 8 + 64  # pipes that are kept empty, reply sockets
 
 
-def _sample(daemon, run):
-    return daemon.fds(), daemon.rss_kib(), run.lines[-1] if run.lines else ""
-
-
 def _grown(memory):
     """How far the last third's smallest value is above the first third's largest, warm-up left out."""
     warm = memory[len(memory) // 4:]
@@ -39,9 +35,8 @@ def run(directory, seconds, seed, workers, tell=print):
             time.sleep(min(STEP, max(1.0, seconds / 10)))
             if soak.process.poll() is not None:
                 break
-            fds, rss, line = _sample(daemon, soak)
-            memory.append(rss)
-            tell(f"{time.monotonic() - begun:6.0f} s: {fds} descriptors, {rss} KiB; {line}")
+            memory.append(daemon.rss_kib())
+            tell(f"{time.monotonic() - begun:6.0f} s: {daemon.fds()} descriptors, {memory[-1]} KiB; {soak.lines[-1:]}")
         summary = soak.wait(1)
         peers.settled(daemon, base + SPARE_FDS)
         # AddressSanitizer keeps what was freed; it looks for what is lost itself.

@@ -7,10 +7,9 @@ import array
 import itertools
 import os
 import socket
-import subprocess
 
 from lib import conf
-from lib.net import family_of, sysctl
+from lib.net import family_of, ip, sysctl
 from lib.wait import DEADLINE, until
 
 DEVICE = "tun3"
@@ -32,12 +31,8 @@ def open_routes(name=DEVICE):
     sysctl(f"net.ipv4.conf.{name}.accept_local", 1)
     sysctl(f"net.ipv4.conf.{name}.rp_filter", 0)
     sysctl("net.ipv4.conf.all.rp_filter", 0)
-    ip(f"route add default dev {name}", f"-6 route add default dev {name}")
-
-
-def ip(*commands):
-    for command in commands:
-        subprocess.run(["ip", *command.split()], check=True)
+    ip(f"route add default dev {name}")
+    ip(f"route add default dev {name}", family="-6")
 
 
 _ports = itertools.cycle(range(2000, 9000))

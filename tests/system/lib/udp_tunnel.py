@@ -5,11 +5,10 @@ request header and the payload.
 """
 import socket
 import struct
-import subprocess
 import time
 
 from lib import far_end, socks5
-from lib.net import family_of, read_until, silent
+from lib.net import family_of, ip, nft, read_until, silent
 from lib.wait import DEADLINE, QUIET
 
 TPROXY_PORT, RELAY_PORT = 1090, 1091  # free in every test's own network
@@ -109,7 +108,7 @@ def udp(net, address="127.0.0.1", port=0, peer=None):
 
 def transparent():
     """Has this machine's datagrams to foreign addresses routed back and handed to the daemon."""
-    ruleset = f"""table inet divert {{
+    nft(f"""table inet divert {{
       chain output {{
         type route hook output priority mangle;
         meta l4proto udp ip daddr {FOREIGN}0/24 meta mark set 1
@@ -119,8 +118,7 @@ def transparent():
         type filter hook prerouting priority mangle;
         meta l4proto udp meta mark 1 tproxy to :{TPROXY_PORT}
       }}
-    }}"""
-    subprocess.run(["nft", "-f", "-"], input=ruleset, text=True, check=True)
+    }}""")
     for family, foreign, source in (("-4", FOREIGN + "0/24", "10.77.0.1"), ("-6", FOREIGN6 + "/32", "fd77::1")):
-        batch = f"rule add fwmark 1 lookup 100\nroute add local default dev lo table 100\nroute add {foreign} dev lo src {source}\n"
-        subprocess.run(["ip", family, "-batch", "-"], input=batch, text=True, check=True)
+        ip("rule add fwmark 1 lookup 100", "route add local default dev lo table 100",
+           f"route add {foreign} dev lo src {source}", family=family)

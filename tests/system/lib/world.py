@@ -6,13 +6,9 @@ import os
 import subprocess
 
 from lib.daemon import BIN
-from lib.net import _CLONE_NEWNET, _libc, new_namespace, sysctl
+from lib.net import _CLONE_NEWNET, _libc, ip, new_namespace, sysctl
 
 FOREIGN = ("192.0.2.0/24", "198.51.100.0/24", "192.168.7.0/24", "2001:db8:2::/64")
-
-
-def _ip(*commands, keep=()):
-    subprocess.run(["ip", "-batch", "-"], input="\n".join(commands), text=True, check=True, pass_fds=keep)
 
 
 class World:
@@ -23,11 +19,11 @@ class World:
         self._home = os.open("/proc/thread-self/ns/net", os.O_RDONLY)
         new_namespace()
         self._there = os.open("/proc/thread-self/ns/net", os.O_RDONLY)
-        _ip(f"link add router type veth peer name wan netns /proc/self/fd/{self._home}", "link set router up",
+        ip(f"link add router type veth peer name wan netns /proc/self/fd/{self._home}", "link set router up",
             "addr add 203.0.113.1/24 dev router", "addr add 2001:db8:1::1/64 dev router nodad",
             *(f"route add local {net} dev lo" for net in FOREIGN), keep=[self._home])
         self._enter(self._home)
-        _ip("link set wan up", "addr add 203.0.113.2/24 dev wan", "addr add 2001:db8:1::2/64 dev wan nodad",
+        ip("link set wan up", "addr add 203.0.113.2/24 dev wan", "addr add 2001:db8:1::2/64 dev wan nodad",
             "route add default via 203.0.113.1", "route add default via 2001:db8:1::1")
 
     @staticmethod
