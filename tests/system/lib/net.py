@@ -33,6 +33,9 @@ def new_namespace():
     sysctl("net.ipv4.tcp_fastopen", 3)
     sysctl("net.ipv6.ip_nonlocal_bind", 1)  # fd77::/16 is local, but only fd77::1 is an address
     sysctl("net.ipv4.ip_local_port_range", "10000 65000")
+    # How much fits on the way is the same everywhere.
+    sysctl("net.ipv4.tcp_rmem", "4096 131072 6291456")
+    sysctl("net.ipv4.tcp_wmem", "4096 16384 4194304")
 
 
 def ip(*commands, family="", keep=()):

@@ -36,7 +36,8 @@ def run(directory, seconds, seed, workers, tell=print):
             if soak.process.poll() is not None:
                 break
             memory.append(daemon.rss_kib())
-            tell(f"{time.monotonic() - begun:6.0f} s: {daemon.fds()} descriptors, {memory[-1]} KiB; {soak.lines[-1:]}")
+            state = f"{daemon.fds()} descriptors, {memory[-1]} KiB; {''.join(soak.lines[-1:])}"
+            tell(f"{time.monotonic() - begun:6.0f} s: {state}")
         summary = soak.wait(1)
         peers.settled(daemon, base + SPARE_FDS)
         # AddressSanitizer keeps what was freed; it looks for what is lost itself.
