@@ -16,8 +16,8 @@ using DnsTemplates = ConfigurationTest;
 // and the templates follow.
 TEST_F(DnsTemplates, FollowWhatIsCaptured) {
   httpmod::HttpModModule& module = httpmod::new_module("m");
-  ASSERT_TRUE(httpmod::apply_directive("save_line", "Y -> 1", module));
   ASSERT_TRUE(httpmod::apply_directive("save_line", "X-Token -> 1", module));
+  ASSERT_TRUE(httpmod::apply_directive("save_line", "Y -> 1", module));
   ASSERT_TRUE(httpmod::apply_directive("strrep", "[D] -> [D]use_value(X-Token)", module));
   static constinit Loop loop;
   static constinit Loop other;
@@ -36,15 +36,16 @@ TEST_F(DnsTemplates, FollowWhatIsCaptured) {
   std::string now = "/xuse_value(X-Token)";
   std::time_t at = 100;
   for (const char* value : {"one", "two", "two", ""}) {
-    ASSERT_TRUE(httpmod::store_capture(module, *module.saved_values.head, value, ++at));
+    ASSERT_TRUE(httpmod::store_capture(module, *module.saved_values.head->next, value, ++at));
     expect_target(now);  // until the message is delivered
     loop.deliver_mail();
     expect_target(now = std::string("/x") + value);
-    EXPECT_EQ(rule.http_mod->saved_values.head->captured_at, at) << "also of a value it has";
+    EXPECT_EQ(rule.http_mod->saved_values.head->next->captured_at, at) << "also of a value it has";
   }
   const httpmod::HttpModModule* late = httpmod::copy_module(module);
-  EXPECT_TRUE(late->saved_values.head->captured) << "a copy knows what was captured before it";
-  EXPECT_EQ(late->saved_values.head->captured_at, at);
+  EXPECT_TRUE(late->saved_values.head->next->captured)
+      << "a copy knows what was captured before it";
+  EXPECT_EQ(late->saved_values.head->next->captured_at, at);
   other.deliver_mail();
 }
 

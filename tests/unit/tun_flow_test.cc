@@ -278,6 +278,8 @@ TEST_F(TunFlowTest, Data) {
            "<3>; "
            "w #80 = 60",
            1, 100},
+          {"so is what a write had to leave",
+           "window 0; A; w #150 = 100; window 60; A = PA 1 1 w100 '#60' <3>", 1, 100},
           {"only the byte that is due is taken, and what there is room for",
            "P abc = A 1 4 w97 <2>; P@-3 abc = A 1 4 w97; P@-2 bcdef = A 1 7 w94 <2>; seq 7; P@1 "
            "zzz = A 1 7 w94; P@1073741824 zzz = A 1 7 w94; P@-1073741824 zzz = A 1 7 w94; P@0 "
