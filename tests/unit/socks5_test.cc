@@ -69,6 +69,11 @@ TEST(Socks5, WhatCannotBeServedIsAcceptedFirst) {
   }
 }
 
+TEST(Socks5, MethodsAndRequestComeTogether) {
+  Client client;
+  EXPECT_EQ(client.say("\5\5\0\1\2\3\4"s + to_ipv4 + "payload"), Verdict::join);
+}
+
 TEST(Socks5, AClientThatGivesUp) {
   // Some count the zero byte that ends the name in their memory.
   for (const std::string& request : {to_name, "\5\1\0\3\7a.test\0\0\x50"s}) {
