@@ -18,10 +18,11 @@ namespace vrox::event {
 
 class PacketBuffer {
  public:
-  // For packets up to `packet_size` behind up to `gathered_size` bytes.
+  // For packets up to `packet_size` behind up to `gathered_size` bytes, which begin
+  // anywhere in the first packet: it may have options, or repeat what is known.
   void open(std::size_t packet_size, std::size_t gathered_size) {
     for (std::uint8_t*& memory : memory_) {
-      memory = static_cast<std::uint8_t*>(tun_allocate(gathered_size + packet_size));
+      memory = static_cast<std::uint8_t*>(tun_allocate(packet_size + gathered_size + packet_size));
     }
     packet_size_ = packet_size;
   }

@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <functional>
 #include <optional>
@@ -44,11 +45,27 @@ struct Sent {
   TcpSegment segment;
 };
 
+bool has_right_checksum(const IpPacket& packet) {
+  const std::size_t size = packet.transport.size();
+  const std::array<std::uint8_t, 4> rest{0, protocol_tcp, static_cast<std::uint8_t>(size >> 8),
+                                         static_cast<std::uint8_t>(size)};
+  const std::size_t address = packet.version == ip_v4 ? 4 : 16;
+  ChecksumSum sum;
+  for (const Bytes piece :
+       {Bytes(packet.source).first(address), Bytes(packet.destination).first(address), Bytes(rest),
+        packet.transport}) {
+    sum.add(piece);
+  }
+  return sum.finish() == 0;
+}
+
 // The device is one end of a pair of sockets; here is the other one.
 class Link {
  public:
   Link() {
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0, ends_), 0);
+    const int several_packets = 212992;
+    EXPECT_EQ(setsockopt(ends_[1], SOL_SOCKET, SO_SNDBUF, &several_packets, sizeof(int)), 0);
     event::tun_fd = ends_[0];
     event::tun_options.blocking = true;
     EXPECT_TRUE(loop_.open(1) && event::tun_attach(loop_, handle));
@@ -75,6 +92,9 @@ class Link {
     const auto tcp = ip ? parse_tcp(*ip) : std::nullopt;
     EXPECT_TRUE(tcp || sent.packet[0] >> 4 == ip_v6) << "what is written fits its own lengths";
     sent.version = sent.packet[0] >> 4;
+    if (tcp && (tcp->flags & TcpFlag::rst) == 0) {
+      EXPECT_TRUE(has_right_checksum(*ip));
+    }
     sent.segment = tcp.value_or(TcpSegment{.flags = TcpFlag::rst | TcpFlag::ack, .payload = {}});
     return sent;
   }
@@ -123,7 +143,10 @@ std::string shown(const Sent& sent) {
 // "#40" is forty bytes.
 std::string payload_of(const std::string& text) {
   if (text.empty() || text[0] != '#') return text;
-  return std::string(std::stoul(text.substr(1)), 'x');
+  std::string bytes(std::stoul(text.substr(1)), '\0');
+  std::generate(bytes.begin(), bytes.end(),
+                [n = 0U]() mutable { return static_cast<char>(n++ % 251); });
+  return bytes;
 }
 
 std::string outcome(ssize_t result) {
@@ -325,6 +348,35 @@ TEST_F(TunFlowTest, SegmentsFitTheLengthField) {
     EXPECT_EQ(client.step("w #70000"),
               version == ip_v4 ? "70000 PA 1 1 '#65495'" : "70000 PA 1 1 '#65515'");
   }
+}
+
+TEST_F(TunFlowTest, LargeSegmentsThatAreSummedUpAhead) {
+  Client client;
+  client.open();
+  EXPECT_EQ(client.step("w #196608"), "196608 PA 1 1 '#65495'");
+  EXPECT_EQ(client.step("A"), "PA 65496 1 '#65495'");
+  EXPECT_EQ(client.step("w #100000"), "100000");
+  EXPECT_EQ(client.step("A"), "PA 130991 1 '#65495'");
+  client.step("window 30001");
+  EXPECT_EQ(client.step("A"), "PA 196486 1 '#30001'");
+  client.step("window 65535");
+  EXPECT_EQ(client.step("A"), "PA 226487 1 '#65495'");
+  EXPECT_EQ(client.step("A"), "PA 291982 1 '#4627'");
+}
+
+// What is due may stand at the very end of the first packet.
+TEST_F(TunFlowTest, GatheringBeginsAnywhereInAPacket) {
+  Client client;
+  client.open();
+  EXPECT_EQ(client.step("P #65000"), "A 1 65001 <2>");
+  EXPECT_EQ(client.step("r"), "#65000");
+  client.step("+P@-64499 #65400");
+  client.sequence += 901;
+  for (const char* more : {"+P #65000", "+P #32000", "+P #16000", "+P #8000", "+P #60000"}) {
+    client.step(more);
+  }
+  EXPECT_EQ(client.step("A"),
+            "A 1 65902 A 1 130902 A 1 162902 A 1 178902 A 1 186902 A 1 246902 w14707 <22>");
 }
 
 TEST_F(TunFlowTest, OtherCombinationsAreIgnored) {
