@@ -160,7 +160,7 @@ bool tun_parse_udp(std::uint8_t kind, TunEvent& event, tun::Bytes packet) {
 }
 
 bool tun_attach(Loop& loop, tun::PacketHandler packet_handler) {
-  // A negative MTU becomes a size that no memory has.
+  tun_assert(tun_options.mtu >= 0, 24, "ptr != NULL");  // a size that no memory has
   buffer.open(static_cast<std::size_t>(tun_options.mtu), tun::max_gathered);
   event_record = new (tun_allocate(sizeof(TunEvent))) TunEvent;
   handler = packet_handler;
@@ -195,7 +195,7 @@ void tun_end_pass() {
 
 int tun_wait_limit_ms() {
   if (owner == nullptr) return -1;
-  if (tun::tun_awaits_answer()) return 0;
+  if (tun::tun_looks_again()) return 0;
   std::optional<std::int64_t> until = tun::tun_next_expiry_ms();
   if (failed) until = std::min(until.value_or(INT64_MAX), failed_at_ms + retry_ms);
   if (!until) return -1;

@@ -39,7 +39,8 @@ void tun_event_loop();
 
 // Once in each pass: frees silent flows, and looks at a failed device again.
 void tun_end_pass();
-// How long the loop may wait before tun_end_pass() has something to do; -1: no limit.
+// How long the loop may wait before there is something to do, or a packet is to be
+// looked for again; -1: no limit.
 [[nodiscard]] int tun_wait_limit_ms();
 
 // Fills the record from a UDP packet. False when the packet is a fragment or

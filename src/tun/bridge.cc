@@ -18,7 +18,7 @@ namespace vrox::tun {
 
 namespace {
 
-// Kinds above are unassigned, among them those of other protocols.
+// Kinds above are unassigned.
 constexpr std::uint8_t last_kind = kind_code(ip_v6, udp_datagram);
 
 constexpr std::uint16_t dns_port = 53;

@@ -31,10 +31,10 @@
 //
 // Memory. A flow is a small record. Payload goes from the packet to the proxy,
 // and from the proxy to a packet, without a stop if it can; a buffer is borrowed
-// only for what has to wait, and goes back when it is empty. Half-open and closed
-// flows have a limit, beyond which the longest silent one goes, and a much lower one
-// while they hold a buffer: they belong to no session any more, whose number is
-// limited by itself.
+// only for what has to wait, and goes back when it is empty. Flows that are half-open,
+// closed or owe an acknowledgement have a limit, beyond which the longest silent one
+// goes. Closed ones have a much lower one while they hold a buffer: they belong to no
+// session any more, whose number is limited by itself.
 //
 // The handler may call back into read, write and close, but it never frees a
 // flow, so a flow is there until the function that handles its packet ends.
@@ -108,7 +108,7 @@ void go_on_sending(TunFlow& flow) {
   tell_writable(flow);
   // The next segment will be as large, and the client is busy with this one.
   if (sent >= large_segment && flow.unsent.size() >= sent) {
-    flow.next_payload = sum_up(flow.unsent.front(sent));
+    flow.next_sum = sum_up(flow.unsent.front(sent));
   }
 }
 

@@ -12,6 +12,7 @@
 #include "event/device.h"
 #include "main/clock.h"
 #include "main/random.h"
+#include "tun/flow.h"
 
 namespace vrox::tun {
 
@@ -201,7 +202,6 @@ void lend_send_buffer(TunFlow& flow) { send_buffers.lend(flow.unsent, send_limit
 void take_back_receive_buffer(TunFlow& flow) { receive_buffers.take_back(flow.received); }
 void take_back_send_buffer(TunFlow& flow) {
   send_buffers.take_back(flow.unsent);
-  flow.next_payload = {};
   stop_lingering(flow);
 }
 

@@ -6,7 +6,7 @@
 #include <cstdint>
 
 #include "main/address.h"
-#include "tun/flow.h"
+#include "tun/flow_record.h"
 
 namespace vrox::tun {
 
@@ -27,6 +27,9 @@ struct FlowName {
 [[nodiscard]] TunFlow& open_flow(const Route& to_client);
 void free_flow(TunFlow& flow);
 
+// Closed, and with something to send: what a graceful stop waits for.
+void set_unfinished(TunFlow& flow, bool unfinished);
+
 // ---- silence --------------------------------------------------------------------
 
 // The flow goes when it is silent for too long from now on.
@@ -39,9 +42,6 @@ void stop_fading(TunFlow& flow);
 // none has to.
 [[nodiscard]] TunFlow* surplus_fading_flow();
 [[nodiscard]] TunFlow* surplus_lingering_flow();
-
-// Closed, and with something to send.
-void set_unfinished(TunFlow& flow, bool unfinished);
 
 // ---- memory ---------------------------------------------------------------------
 

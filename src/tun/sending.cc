@@ -9,6 +9,7 @@
 
 #include "event/device.h"
 #include "main/clock.h"
+#include "tun/flow.h"
 #include "tun/flow_table.h"
 #include "tun/short_wait.h"
 
@@ -19,6 +20,7 @@ namespace {
 constexpr std::size_t mss_headers = 24;  // as the MSS option counts the TCP header
 
 constinit ShortWait short_wait;
+constinit const TunFlow* awaited = nullptr;  // whose answer; it may be gone
 
 std::size_t window_of(const TunFlow& flow) {
   const std::size_t limit = receive_limit();
@@ -40,7 +42,10 @@ void send_summed(TunFlow& flow, const Pieces& payload, const PayloadSum& sum) {
   flow.next_sent += static_cast<std::uint32_t>(sum.size);
   flow.client_window = 0;
   flow.acknowledged = false;
-  if (sum.size >= large_segment) short_wait.begin(monotonic_us());
+  if (sum.size >= large_segment) {
+    short_wait.begin();
+    awaited = &flow;
+  }
   if (!flow.fading.linked) fade(flow);  // until it is acknowledged: the client may be gone
 }
 
@@ -86,6 +91,10 @@ void send_fin(TunFlow& flow) {
   set_unfinished(flow, false);
 }
 
+void send_reset(TunFlow& flow) {
+  send_segment(flow, {.flags = TcpFlag::rst | TcpFlag::ack, .mss = {}});
+}
+
 std::size_t segment_limit(const TunFlow& flow) {
   return std::min<std::size_t>(flow.client_window,
                                flow.version() == ip_v4 ? max_tcp_payload_v4 : max_tcp_payload_v6);
@@ -99,8 +108,8 @@ std::size_t send_waiting(TunFlow& flow) {
   const std::size_t count = std::min(flow.unsent.size(), segment_limit(flow));
   if (count == 0) return 0;
   const Pieces payload = flow.unsent.front(count);
-  send_summed(flow, payload, flow.next_payload.size == count ? flow.next_payload : sum_up(payload));
-  flow.next_payload = {};
+  send_summed(flow, payload, flow.next_sum.size == count ? flow.next_sum : sum_up(payload));
+  flow.next_sum = {};
   flow.unsent.consume(count);
   if (flow.unsent.empty()) take_back_send_buffer(flow);
   return count;
@@ -110,14 +119,10 @@ void settle(TunFlow& flow, const TcpSegment& segment) {
   flow.next_sent = segment.acknowledgement;
   flow.client_window = segment.window;
   flow.acknowledged = true;
-  short_wait.end();
+  if (&flow == awaited) short_wait.end();
 }
 
-bool tun_awaits_answer() { return short_wait.goes_on() && short_wait.goes_on_at(monotonic_us()); }
-
-void send_reset(TunFlow& flow) {
-  send_segment(flow, {.flags = TcpFlag::rst | TcpFlag::ack, .mss = {}});
-}
+bool tun_looks_again() { return short_wait.is_on() && short_wait.look_again(monotonic_us()); }
 
 void tell_window(TunFlow& flow) {
   if (!flow.has(ending_flags) && opens_window(flow)) send_ack(flow);

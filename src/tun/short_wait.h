@@ -17,33 +17,34 @@ class ShortWait {
   static constexpr std::int64_t patience_us = 80;
   static constexpr std::uint32_t most_skipped = 1024;
 
-  // A large segment is sent.
-  void begin(std::int64_t now_us) {
-    if (left_to_skip_ != 0) {
-      --left_to_skip_;
-    } else {
-      until_us_ = now_us + patience_us;
-    }
+  // A large segment is sent. An answer to one before it counts no longer.
+  void begin() {
+    until_us_ = 0;
+    is_on_ = left_to_skip_ == 0;
+    if (!is_on_) --left_to_skip_;
   }
 
   // It is acknowledged.
   void end() {
-    if (until_us_ != 0) skip_ = 0;
-    until_us_ = 0;
+    if (is_on_ && until_us_ != 0) skip_ = 0;
+    is_on_ = false;
   }
 
-  [[nodiscard]] bool goes_on() const { return until_us_ != 0; }
+  [[nodiscard]] bool is_on() const { return is_on_; }
 
-  // As goes_on(), and gives up when it takes too long.
-  [[nodiscard]] bool goes_on_at(std::int64_t now_us) {
+  // Whether to look again. Gives up some time after it was asked first.
+  [[nodiscard]] bool look_again(std::int64_t now_us) {
+    if (!is_on_) return false;
+    if (until_us_ == 0) until_us_ = now_us + patience_us;
     if (now_us < until_us_) return true;
-    if (until_us_ != 0) left_to_skip_ = skip_ = std::clamp(2 * skip_, 1U, most_skipped);
-    until_us_ = 0;
+    left_to_skip_ = skip_ = std::clamp(2 * skip_, 1U, most_skipped);
+    is_on_ = false;
     return false;
   }
 
  private:
-  std::int64_t until_us_ = 0;  // 0: no answer is awaited
+  bool is_on_ = false;
+  std::int64_t until_us_ = 0;  // 0: nobody has looked yet
   std::uint32_t skip_ = 0;     // segments after the last failure
   std::uint32_t left_to_skip_ = 0;
 };

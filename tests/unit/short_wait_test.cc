@@ -5,38 +5,45 @@
 namespace vrox::tun {
 namespace {
 
-constexpr std::int64_t soon = ShortWait::patience_us - 1;
-constexpr std::int64_t late = ShortWait::patience_us;
+constexpr std::int64_t start = 1000;
+constexpr std::int64_t late = start + ShortWait::patience_us;
 
 TEST(ShortWait, LastsUntilTheAnswerOrItsPatienceEnds) {
   ShortWait wait;
-  EXPECT_FALSE(wait.goes_on());
-  wait.begin(1000);
-  EXPECT_TRUE(wait.goes_on() && wait.goes_on_at(1000 + soon));
+  EXPECT_FALSE(wait.is_on() || wait.look_again(start));
+  wait.begin();
+  EXPECT_TRUE(wait.look_again(start) && wait.look_again(late - 1));
+  wait.begin();  // another segment, another wait
+  EXPECT_TRUE(wait.look_again(late) && wait.look_again(late + 1));
   wait.end();
-  EXPECT_FALSE(wait.goes_on());
-  wait.begin(2000);
-  EXPECT_FALSE(wait.goes_on_at(2000 + late));
-  EXPECT_FALSE(wait.goes_on());
+  EXPECT_FALSE(wait.is_on() || wait.look_again(late));
+  wait.begin();
+  EXPECT_TRUE(wait.look_again(start) && !wait.look_again(late));
+  EXPECT_FALSE(wait.is_on());
 }
 
 TEST(ShortWait, IsTriedMoreAndMoreSeldomWhereItFails) {
   ShortWait wait;
   const auto sends_until_a_wait = [&wait] {
     std::uint32_t sends = 1;
-    for (wait.begin(0); !wait.goes_on(); wait.begin(0)) ++sends;
+    for (wait.begin(); !wait.is_on(); wait.begin()) ++sends;
     return sends;
   };
-  std::uint32_t expected = 1;
-  for (int failures = 0; failures < 20; ++failures) {
-    EXPECT_EQ(sends_until_a_wait(), expected) << "after failure " << failures;
-    EXPECT_FALSE(wait.goes_on_at(late));
-    expected = failures == 0 ? 2 : std::min(2 * expected - 1, ShortWait::most_skipped + 1);
+  const auto fail = [&wait] { EXPECT_TRUE(wait.look_again(start) && !wait.look_again(late)); };
+  for (std::uint32_t skipped = 0; skipped < 2 * ShortWait::most_skipped;
+       skipped = std::max(1U, 2 * skipped)) {
+    EXPECT_EQ(sends_until_a_wait(), 1 + std::min(skipped, ShortWait::most_skipped));
+    fail();
   }
-  EXPECT_EQ(sends_until_a_wait(), ShortWait::most_skipped + 1);
+  (void)sends_until_a_wait();
+  wait.end();  // before anybody looked: that proves nothing
+  EXPECT_EQ(sends_until_a_wait(), 1);
+  fail();
+  EXPECT_EQ(sends_until_a_wait(), 1 + ShortWait::most_skipped);
+  EXPECT_TRUE(wait.look_again(start));
   wait.end();  // one success, and it is trusted again
   EXPECT_EQ(sends_until_a_wait(), 1);
-  EXPECT_FALSE(wait.goes_on_at(late));
+  fail();
   EXPECT_EQ(sends_until_a_wait(), 2);
 }
 
