@@ -157,6 +157,16 @@ def test_full_table_closes_new_flows_at_once(net, served, address):
     exchange(*joined(net, origin))
 
 
+def test_many_curls_at_once(net, served, tmp_path):
+    body = bytes(range(256)) * 512
+    port = net.serve(lambda conn: (conn.recv(65536), conn.sendall(b"HTTP/1.0 200 OK\r\n\r\n" + body)), tun.V4)
+    served(tcp=("max_sessions = 300",))
+    subprocess.run(["curl", "-sS", "-m", "60", "-Z", "--parallel-immediate", "--parallel-max", "200", "--interface",
+                    tun.DEVICE, "-o", tmp_path / "got#1", f"http://{tun.V4}:{port}/[1-200]"], check=True)
+    got = list(tmp_path.glob("got*"))
+    assert len(got) == 200 and all(path.read_bytes() == body for path in got)
+
+
 def test_rules_and_quotas_apply(net, vrox):
     here, there, limited = net.listen(tun.V4), net.listen("127.0.0.1"), net.listen("10.77.0.6")
 
