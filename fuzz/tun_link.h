@@ -30,6 +30,10 @@ inline void open(vrox::tun::PacketHandler handler) {
   static vrox::Loop loop;
   std::array<int, 2> ends{};
   check(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0, ends.data()) == 0);
+  for (const int end : ends) {
+    const int large_packets = 4 << 20;
+    check(setsockopt(end, SOL_SOCKET, SO_SNDBUF, &large_packets, sizeof large_packets) == 0);
+  }
   vrox::event::tun_fd = ends[0];
   vrox::event::tun_options.blocking = true;
   check(loop.open(1) && vrox::event::tun_attach(loop, handler));
@@ -44,14 +48,15 @@ inline void put(vrox::tun::Bytes packet) {
 template <class Take>
 void pump(Take take) {
   constexpr std::size_t pass = 64;
+  static std::array<std::uint8_t, vrox::tun::ipv6_header + 65535> bytes{};
   for (std::size_t handled = 0; handled <= under_way; handled += pass) {
     vrox::event::tun_event_loop();
+    for (ssize_t length = 0; (length = recv(far_end, bytes.data(), bytes.size(), MSG_TRUNC)) > 0;) {
+      check(static_cast<std::size_t>(length) <= bytes.size());
+      take(vrox::tun::Bytes(bytes).first(static_cast<std::size_t>(length)));
+    }
   }
   under_way = 0;
-  std::array<std::uint8_t, 65536> bytes{};
-  for (ssize_t length = 0; (length = recv(far_end, bytes.data(), bytes.size(), 0)) > 0;) {
-    take(vrox::tun::Bytes(bytes).first(static_cast<std::size_t>(length)));
-  }
 }
 
 }  // namespace tun_link
