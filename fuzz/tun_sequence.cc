@@ -263,7 +263,9 @@ void inject(const Peer& peer, const tun::TcpFields& fields, tun::Bytes payload,
 constexpr std::uint8_t held_bit = 0x10;   // handled together with the next step
 constexpr std::uint8_t large_bit = 0x20;  // sizes come from the tables
 constexpr std::uint8_t extras_bit = 0x40;
-constexpr std::uint8_t train_bit = 0x80;  // the same segment again and again
+constexpr std::uint8_t train_bit = 0x80;  // more such segments follow
+
+constexpr std::size_t large_size = 4000;
 
 struct Segment {
   std::uint8_t flags = 0;
@@ -302,7 +304,8 @@ Segment small_segment(const Peer& peer, const std::uint8_t* op) {
   return segment;
 }
 
-Segment large_segment(const Peer& peer, const std::uint8_t* op, std::size_t room) {
+// The first one of a train, or one of those behind it.
+Segment large_segment(const Peer& peer, const std::uint8_t* op, std::size_t room, int place) {
   constexpr std::array<std::size_t, 16> sizes{1,     2,     500,   1460,  4000,  8000,
                                               16000, 30000, 32767, 32768, 60000, 65000,
                                               65400, 65474, 65494, 65535};
@@ -310,7 +313,9 @@ Segment large_segment(const Peer& peer, const std::uint8_t* op, std::size_t room
       0, 1, 4, 100, 499, 1460, 8000, 16384, 30000, 32766, 32767, 32769, 60000, 65494, 65495, 65535};
   Segment segment;
   segment.window = windows[op[3] >> 4];
-  const std::size_t size = std::min(sizes[op[3] & 15], room);
+  std::size_t size = std::min(sizes[op[3] & 15], room);
+  // Halves fill whatever limit the first ones left room below.
+  if (size >= large_size) size >>= place;
   const auto all = static_cast<std::int64_t>(size);
   const std::array<std::int64_t, 16> known{0,     0,     0,       0,       0,   1,  80,   500,
                                            30000, 64499, all / 2, all - 1, all, -1, -500, -30000};
@@ -350,14 +355,15 @@ void send_segment(Peer& peer, std::uint8_t flags, const std::uint8_t* op) {
   const std::size_t room = max_packet - tun::ip_header(peer.route.version) - extras.ip_options -
                            tun::tcp_header - extras.tcp_options - extras.padding;
   const bool is_train = (op[0] & train_bit) != 0;
-  for (int i = 0, count = 1; i < count; ++i) {
+  int count = 1;
+  for (int i = 0; i < count; ++i) {
     Segment segment =
-        (op[0] & large_bit) != 0 ? large_segment(peer, op, room) : small_segment(peer, op);
+        (op[0] & large_bit) != 0 ? large_segment(peer, op, room, i) : small_segment(peer, op);
     segment.flags = flags;
     segment.extras = extras;
     send(peer, segment);
     // A pass handles 64 packets, of which a few are for what comes before and after.
-    if (is_train) count = segment.size > 2000 ? 4 : 60;
+    if (is_train && i == 0) count = segment.size >= large_size ? 8 : 60;
   }
 }
 
