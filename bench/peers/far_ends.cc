@@ -298,6 +298,7 @@ Detached serve(std::uint16_t port, Handler handler) {
   for (;;) {
     const int fd = accept4(listener.fd(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (fd != -1) {
+      ++connections_served;
       serve_one(fd, handler);
     } else if (errno == EMFILE) {
       co_await pause_ms(10);
@@ -310,6 +311,7 @@ Detached serve(std::uint16_t port, Handler handler) {
 }  // namespace
 
 unsigned datagrams_per_tunnel = 0;
+unsigned connections_served = 0;
 
 std::array<std::uint8_t, 4> address_of_name(std::string_view name) {
   std::uint64_t hash = 0;

@@ -34,6 +34,9 @@ std::string question_name(Bytes query);
 // After how many datagrams a tunnel is closed; 0: after a few seconds.
 extern unsigned datagrams_per_tunnel;
 
+// Connections that have come to any of them.
+extern unsigned connections_served;
+
 void start_far_ends();
 
 }  // namespace peers
