@@ -65,7 +65,7 @@ def test_kill_finds_the_others_by_their_name(net, vrox, named, origin, by_name, 
     env = {"PATH": f"{path.parent}:{os.environ['PATH']}"}
     daemon = vrox(config(origin), workers=workers, binary=NAME if by_name else path, env=env)
     assert run(path.parent, "-k", binary=path if by_name else NAME, env=env) == (0, "", "")
-    assert daemon.wait() == 0 and set(daemon.ended.values()) == {0}
+    assert daemon.wait() == 0 and set(daemon.ended.values()) <= {0, None}
     assert not listeners() & OPENED
     assert all(map(alive, (process.pid for process in others)))
 

@@ -162,12 +162,12 @@ class Daemon:
                             self.ended[pid] = os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1])
                     except ChildProcessError:
                         if status_of(pid, "State") is None:
-                            self.ended[pid] = 0  # the one before it has seen its end
+                            self.ended[pid] = None  # the one before it has seen how
             return len(self.ended) == len(self.pids)
 
         until(gone, "the daemon ends", seconds)
         self.first.returncode = self.ended.get(self.first.pid, self.first.returncode)
-        return self.ended[self.pid]
+        return self.ended.get(self.first.pid, self.ended[self.pid])
 
     def end_one(self, pid):
         self.dismissed.add(pid)
