@@ -1,13 +1,15 @@
 // How bytes move.
 //
 // Both sockets of a session are edge-triggered, so what an event told once is
-// kept as a mark (`client_readable`, `server_readable`) until a read says EAGAIN.
-// A reader stops early in four cases, and in each of them somebody resumes it:
+// kept as a mark until a read says EAGAIN (input.h). A reader stops early in five
+// cases, and in each of them somebody resumes it:
 //
 //   - what it read before is not written yet: the flush that writes it;
 //   - 256 KiB wait for the upstream: likewise;
 //   - the session is throttled by `maxSpeed`: the next second's tick;
-//   - it had its turn (30 full buffers): the loop, after the other sessions.
+//   - it had its turn (30 full buffers): the loop, after the other sessions;
+//   - messages come one at a time, and EAGAIN is what it would find: the next event,
+//     or the loop, a few milliseconds later.
 //
 // Client bytes go straight to the upstream and are kept only as far as the socket
 // does not take them. Upstream bytes pass through one buffer shared by all
@@ -184,11 +186,12 @@ Read read_upstream(TcpSession& session, char* buffer, std::size_t& count) {
     // Also when no event tells of it, as after a flush.
     session.idle_ticks = 0;
     count = static_cast<std::size_t>(got);
+    if (session.server_input.took(count)) session_ask_soon(session);
     return Read::some;
   }
   if (got == -1 && errno == EINTR) return Read::again;
-  session.server_readable = false;
-  session.server_at_end = got == 0;
+  session.server_input.empty();
+  if (got == 0) session.server_input.end();
   const bool still_connecting = got == -1 && (errno == EAGAIN || errno == ENOTCONN);
   if (!still_connecting) session_close(session, server_side);
   return Read::nothing;
@@ -235,11 +238,7 @@ Bulk fill_pipe(TcpSession& session, Sides from, RelayPipe*& pipe) {
   give_back(pipe);
   if (moved == -1 && error == EINTR) return Bulk::impossible;  // a read tells
   if (moved == -1 && error == EINVAL) return Bulk::impossible;
-  if (from == server_side) {
-    session.server_readable = false;
-  } else {
-    session.client_readable = false;
-  }
+  (from == server_side ? session.server_input : session.client_input).empty();
   if (moved == 0 || error != EAGAIN) session_close(session, from);
   return Bulk::stopped;
 }
@@ -279,7 +278,7 @@ Bulk splice_from_client(TcpSession& session) {
 // ---- reading --------------------------------------------------------------------
 
 void relay_from_server(TcpSession& session) {
-  for (int reads = 0, full_reads = 0; session.server_readable; ++reads) {
+  for (int reads = 0, full_reads = 0; session.server_input.readable(); ++reads) {
     if (session.upstream.fd < 0 || session.throttled || session.s2c_left() != 0) return;
     const bool had_turn = full_reads == turn_of(session) || reads == max_reads;
     if (had_turn) return session_run_later(session);
@@ -296,7 +295,7 @@ void relay_from_server(TcpSession& session) {
 }
 
 void relay_from_client(TcpSession& session) {
-  for (int reads = 0, full_reads = 0; session.client_readable; ++reads) {
+  for (int reads = 0, full_reads = 0; session.client_input.readable(); ++reads) {
     if (session.client_fd < 0 || session.throttled || session.c2s_pipe != nullptr) return;
     if (session.c2s_left() >= max_c2s_pending) return;
     if (reads == turn_of(session)) return session_run_later(session);
@@ -347,7 +346,7 @@ void session_on_readable(TcpSession& session) {
   if (!session.in_use() || session.throttled) return;
   session.idle_ticks = 0;
   relay_from_client(session);
-  if (!session.server_readable || session.upstream.fd < 0 || session.throttled) return;
+  if (!session.server_input.readable() || session.upstream.fd < 0 || session.throttled) return;
   const bool was_open = upstream_is_open(session);
   if (!drive_handshake(session)) return;
   if (!was_open) towards_upstream(session);

@@ -8,9 +8,8 @@
 
 namespace vrox::tcp {
 
-// Reads once from the client and handles what is complete. Clears the session's
-// `client_readable` mark when nothing is left to read. The result is the number
-// of bytes read.
+// Reads once from the client and handles what is complete. Clears the mark of its
+// input when nothing is left to read. The result is the number of bytes read.
 std::size_t read_client_request(TcpSession& session);
 
 // Whether the client's next bytes can go to the upstream unseen: nothing is being

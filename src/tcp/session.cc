@@ -16,6 +16,7 @@
 #include "acl/match.h"
 #include "event/loop.h"
 #include "httpmod/cipher.h"
+#include "main/alarm.h"
 #include "main/clock.h"
 #include "main/listener.h"
 #include "tcp/budget.h"
@@ -46,10 +47,16 @@ constinit LiveList live_sessions;
 constinit LiveList ended_sessions;  // cleared; their slots are given back at the end of the pass
 constinit LinkedList<TcpSession, &TcpSession::runnable> runnable_sessions;
 constinit LinkedList<TcpSession, &TcpSession::undialled> undialled_sessions;  // oldest first
+constinit LinkedList<TcpSession, &TcpSession::unasked> unasked_sessions;
+constinit Alarm alarm;  // for those
 
 // With Fast Open the client's first bytes carry the connect. One that waits for
 // the server's greeting would wait for ever.
 constexpr int fast_open_patience_ms = 1000;
+
+// How late an end may be seen that came together with the last bytes of a
+// conversation.
+constexpr int ask_after_ms = 5;
 
 // ---- epoll registrations ----------------------------------------------------
 
@@ -114,14 +121,14 @@ void end_side(TcpSession& session, Sides side) {
   if (fd < 0) return;
   mask_of(session, side) = 0;
   if (side == server_side) {
-    loop.retire(fd, session.server_at_end);
+    loop.retire(fd, session.server_input.at_end());
     session.upstream.fd = -1;
     session.c2s_pending.reset();
     session.c2s_sent = 0;
     discharge(session);
     give_back(session.c2s_pipe);
   } else {
-    if (client_is_socket(session)) loop.retire(fd, session.client_at_end);
+    if (client_is_socket(session)) loop.retire(fd, session.client_input.at_end());
     session.client_fd = -1;
     session.request_buf.reset();  // part of a request, of which no more will come
     discharge(session);
@@ -140,6 +147,7 @@ void clear_slot(TcpSession& session) {
   live_sessions.remove(session);
   runnable_sessions.remove(session);
   undialled_sessions.remove(session);
+  unasked_sessions.remove(session);
   std::destroy_at(&session);
   std::construct_at(&session);
   ended_sessions.add(session);
@@ -190,6 +198,21 @@ bool accept_client() {
   return true;
 }
 
+// ---- inputs taken for empty -------------------------------------------------------
+
+void ask_inputs() {
+  alarm.rang();
+  LinkedList<TcpSession, &TcpSession::unasked> due = unasked_sessions;
+  unasked_sessions = {};
+  while (TcpSession* session = due.first()) {
+    due.remove(*session);
+    session->client_input.ask();
+    session->server_input.ask();
+    session_on_readable(*session);
+    session_arm(*session);
+  }
+}
+
 // ---- the loop ---------------------------------------------------------------------
 
 void dispatch(const epoll_event& event) {
@@ -198,16 +221,14 @@ void dispatch(const epoll_event& event) {
     return;
   }
   if (event::tun_is_source(event.data.u64)) return event::tun_event_loop();
+  if (alarm.is(event.data.u64)) return ask_inputs();
   const auto address = static_cast<std::uintptr_t>(event.data.u64 & ~server_bit);
   TcpSession& session = *reinterpret_cast<TcpSession*>(address);
   if (!session.in_use()) return;  // ended earlier in this pass
   const bool from_server = (event.data.u64 & server_bit) != 0;
   if ((event.events & (EPOLLIN | EPOLLERR | EPOLLHUP)) != 0) {
-    if (from_server) {
-      session.server_readable = true;
-    } else {
-      session.client_readable = true;
-    }
+    const bool ends = (event.events & (EPOLLERR | EPOLLHUP)) != 0;
+    (from_server ? session.server_input : session.client_input).tell(ends);
     session_on_readable(session);
   }
   if ((event.events & EPOLLOUT) != 0 && session.in_use()) {
@@ -298,7 +319,8 @@ void resume_throttled(Mail&) {
     if (has_allowance(*current.rule)) {
       current.throttled = false;
       // No edges were told while it was out of the set.
-      current.client_readable = current.server_readable = true;
+      current.client_input.suppose();
+      current.server_input.suppose();
       session_flush(current);
       session_arm(current);
     } else if (passed_over == nullptr) {
@@ -354,6 +376,11 @@ void session_starve() { listener.starve(); }
 
 void session_run_later(TcpSession& session) { runnable_sessions.add(session); }
 
+void session_ask_soon(TcpSession& session) {
+  unasked_sessions.add(session);
+  alarm.set(ask_after_ms);
+}
+
 void session_start(TcpSession& session) {
   live_sessions.add(session);
   session.c2s_cipher_state = session.s2c_cipher_state = httpmod::starting_key(std::time(nullptr));
@@ -364,7 +391,7 @@ void session_start(TcpSession& session) {
   }
   await_first_bytes(session);
   // Its first bytes are often there already.
-  session.client_readable = true;
+  session.client_input.suppose();
   session_on_readable(session);
   session_arm(session);
 }
@@ -389,8 +416,7 @@ void session_drop_upstream(TcpSession& session) {
   session.upstream = {};
   session.tunnel_request.reset();
   session.connect_head_len = 0;
-  session.server_readable = false;
-  session.server_at_end = false;
+  session.server_input = {};
   session.c2s_cipher_state = session.s2c_cipher_state = httpmod::starting_key(std::time(nullptr));
 }
 
@@ -410,6 +436,7 @@ void tcp_prepare() {
   const int slots = std::max(1, global.max_sessions);
   if (!tcp_session_table.allocate(static_cast<std::size_t>(slots))) start_up_failure("malloc()");
   if (!loop.open(2 * static_cast<std::size_t>(slots) + 1)) start_up_failure("epoll_create()");
+  if (!alarm.open(loop)) start_up_failure("timerfd_create()");
   prepared = true;
   if (global.listen_fd < 0) return;
   set_listener_options(slots);

@@ -16,6 +16,7 @@
 #include "main/links.h"
 #include "main/loop.h"
 #include "main/slot_table.h"
+#include "tcp/input.h"
 #include "tcp/module.h"
 #include "tcp/pipe.h"
 #include "tcp/upstream.h"
@@ -33,6 +34,7 @@ struct TcpSession {
   Links<TcpSession> live;       // all that the loop owns
   Links<TcpSession> runnable;   // stopped reading early, without waiting for anything
   Links<TcpSession> undialled;  // its client may speak first and save a round trip
+  Links<TcpSession> unasked;    // an input of it was taken for empty
 
   acl::Rule* rule = nullptr;                    // null until matched
   Module* module = nullptr;                     // null until chosen
@@ -66,17 +68,15 @@ struct TcpSession {
   std::int64_t dial_at_ms = 0;  // undialled: no longer than until then
   std::int32_t keep_alive = 0;  // in force on the client's socket: idle seconds, 0 off
 
+  Input client_input;
+  Input server_input;
   std::uint8_t c2s_cipher_state = 0;
   std::uint8_t s2c_cipher_state = 0;
   bool keeps_own_keep_alive : 1 = false;  // it came with a setting of its own service
   bool rematched : 1 = false;             // at most once
   bool owns_s2c_buf : 1 = false;
-  bool client_first : 1 = false;     // which direction was served first the last time
-  bool throttled : 1 = false;        // by `maxSpeed`, until the next second
-  bool client_readable : 1 = false;  // cleared by EAGAIN only: an edge is told once
-  bool server_readable : 1 = false;
-  bool client_at_end : 1 = false;  // nothing more can come from it
-  bool server_at_end : 1 = false;
+  bool client_first : 1 = false;    // which direction was served first the last time
+  bool throttled : 1 = false;       // by `maxSpeed`, until the next second
   bool counted_client : 1 = false;  // in the rule's `limit_client_ip`
 
   [[nodiscard]] bool in_use() const { return client_fd >= 0 || upstream.fd >= 0; }
@@ -135,6 +135,8 @@ void session_arm(TcpSession& session);
 void session_starve();
 // Has the session looked at again in the next pass.
 void session_run_later(TcpSession& session);
+// Has inputs that were taken for empty asked within a few milliseconds.
+void session_ask_soon(TcpSession& session);
 // Closes the upstream so that another can be dialled, and gives back its counts.
 void session_drop_upstream(TcpSession& session);
 

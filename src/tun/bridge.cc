@@ -61,7 +61,7 @@ void read_flow(TunFlow& flow) {
   if (session == nullptr) return;
   if (tun_flow_peek(flow) < 1) tcp::session_close(*session, tcp::client_side);
   if (!session->in_use()) return;
-  session->client_readable = true;
+  session->client_input.suppose();
   tcp::session_on_readable(*session);
   if ((flow.flags & reset_by_client) != 0 && flow.session != nullptr) forget_flow(flow, *session);
   tcp::session_arm(*session);

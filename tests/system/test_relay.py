@@ -165,6 +165,21 @@ def test_ends_of_one_side_end_the_other(net, vrox, origin):
 EITHER_WAY = pytest.mark.parametrize("upload", [True, False], ids=["upload", "download"])
 
 
+@EITHER_WAY
+def test_an_end_in_the_last_segment_of_a_conversation(net, vrox, origin, upload):
+    """Small messages that come one at a time are no longer asked whether they were the last."""
+    vrox(conf.fixed(origin))
+    client, upstream = net.joined(origin)
+    for _ in range(20):
+        exchange(client, upstream)
+    source, sink = (client, upstream) if upload else (upstream, client)
+    source.setsockopt(socket.IPPROTO_TCP, socket.TCP_CORK, 1)  # the end goes with the bytes
+    source.sendall(b"\x01 last")
+    source.shutdown(socket.SHUT_WR)
+    assert read_all(sink) == b"\x01 last"
+    assert ended(source)
+
+
 def transfer(net, origin, upload, total):
     """Starts `total` bytes one way over a new connection: the thread that sends them, and where they arrive."""
     client, upstream = net.joined(origin)

@@ -1,0 +1,30 @@
+// A short delay in a loop's pass: one timer for whatever came up meanwhile, so that
+// a busy loop pays for it once in a while and an idle one never (timerfd_create(2)).
+#pragma once
+
+#include <cstdint>
+
+#include "main/loop.h"
+
+namespace vrox {
+
+class Alarm {
+ public:
+  // False with errno when the kernel refuses.
+  [[nodiscard]] bool open(Loop& loop);
+
+  // Rings once, so many milliseconds from now; one that is set already stays as it is.
+  void set(int delay_ms);
+  // To be called for the event: it can be set anew.
+  void rang() { set_ = false; }
+
+  [[nodiscard]] bool is(std::uint64_t event_data) const {
+    return fd_ >= 0 && event_data == static_cast<std::uint64_t>(fd_);
+  }
+
+ private:
+  int fd_ = -1;
+  bool set_ = false;
+};
+
+}  // namespace vrox
