@@ -79,6 +79,36 @@ void resume_device() {
 
 // ---- sorting ------------------------------------------------------------------
 
+struct TcpPacket {
+  tun::IpPacket ip;
+  tun::TcpSegment segment;
+};
+
+std::optional<TcpPacket> parse_tcp(tun::Bytes packet) {
+  const std::optional<tun::IpPacket> ip = tun::parse_ip(packet);
+  if (!ip) return std::nullopt;
+  const std::optional<tun::TcpSegment> segment = tun::parse_tcp(*ip);
+  if (!segment) return std::nullopt;
+  return TcpPacket{*ip, *segment};
+}
+
+void handle_tcp(tun::Bytes packet) {
+  std::optional<TcpPacket> tcp = parse_tcp(packet);
+  bool stays = true;
+  if (tun::tun_gathering() != nullptr) {
+    stays = tcp && !buffer.overlaps(tcp->segment.payload);
+    if (stays) {
+      buffer.put_back();  // all of the headers is in the records
+    } else {
+      tcp = parse_tcp(buffer.move_away(packet.size()));
+    }
+  }
+  if (!tcp) return;
+  if (!tun::tun_continues(tcp->ip, tcp->segment)) tun::tun_deliver();
+  tun::tun_handle_tcp(tcp->ip, tcp->segment, packet.size());
+  if (!stays) tun::tun_deliver();  // before another packet moves there
+}
+
 // Behind what waits to be told there may be more of it, and nothing else.
 tun::Bytes make_way(tun::Bytes packet) {
   if (tun::tun_gathering() == nullptr) return packet;
@@ -87,30 +117,11 @@ tun::Bytes make_way(tun::Bytes packet) {
   return packet;
 }
 
-bool goes_on(tun::Bytes packet) {
-  if (tun::tun_gathering() == nullptr) return false;
-  const std::optional<tun::IpPacket> ip = tun::parse_ip(packet);
-  if (!ip || ip->protocol != tun::protocol_tcp) return false;
-  const std::optional<tun::TcpSegment> segment = tun::parse_tcp(*ip);
-  if (!segment || !tun::tun_continues(*ip, *segment)) return false;
-  buffer.put_back();  // all of the header is in the records
-  tun::tun_handle_tcp(*ip, *segment, packet.size());
-  return true;
-}
-
-void handle_tcp(tun::Bytes packet) {
-  const std::optional<tun::IpPacket> ip = tun::parse_ip(packet);
-  if (!ip) return;
-  const std::optional<tun::TcpSegment> segment = tun::parse_tcp(*ip);
-  if (segment) tun::tun_handle_tcp(*ip, *segment, packet.size());
-}
-
 void handle_packet(tun::Bytes packet) {
-  if (goes_on(packet)) return;
-  packet = make_way(packet);
   const std::optional<tun::PacketKind> found = tun::classify(packet);
+  if (found && found->protocol == tun::protocol_tcp) return handle_tcp(packet);
+  packet = make_way(packet);
   if (!found) return;
-  if (found->protocol == tun::protocol_tcp) return handle_tcp(packet);
   if (found->protocol == tun::protocol_udp) {
     const std::uint8_t kind = tun::kind_code(found->version, tun::udp_datagram);
     if (!tun_parse_udp(kind, *event_record, packet)) return;
@@ -123,7 +134,11 @@ void handle_packet(tun::Bytes packet) {
 
 std::span<std::uint8_t> room_for_packet() {
   const tun::TunFlow* flow = tun::tun_gathering();
-  return flow == nullptr ? buffer.room() : buffer.room_behind(flow->arriving, flow->version());
+  if (flow != nullptr && buffer.has_room_behind(flow->arriving)) {
+    return buffer.room_behind(flow->arriving, flow->version());
+  }
+  tun::tun_deliver();
+  return buffer.room();
 }
 
 // False when there is no more to read.

@@ -115,6 +115,20 @@ def test_bulk(net, served, address, mtu, size):
     bulk.both_ways(net, client, upstream, size)
 
 
+def test_uploads_at_once(net, served):
+    """Their packets come by turns, with longer and shorter headers, and none is taken for another's."""
+    v4, v6 = (net.listen(address) for address in (tun.V4, tun.V6))
+    served()
+    size = (4 if SANITIZED else 16) * MIB
+    pairs = [joined(net, origin) for origin in [v4] * 10 + [v6] * 2]
+    got = []
+    senders = [net.spawn(bulk.send, client, size) for client, _ in pairs]
+    receivers = [net.spawn(lambda upstream=upstream: got.append(bulk.receive(upstream, size))) for _, upstream in pairs]
+    for thread in senders + receivers:
+        thread.join()
+    assert got == [bulk.expected(size)] * len(pairs)
+
+
 @BOTH
 @pytest.mark.parametrize("upload", [True, False], ids=["upload", "download"])
 def test_a_slow_reader_holds_back_the_sender(net, served, address, upload):
