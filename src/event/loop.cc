@@ -96,9 +96,9 @@ void handle_tcp(tun::Bytes packet) {
   std::optional<TcpPacket> tcp = parse_tcp(packet);
   bool stays = true;
   if (tun::tun_gathering() != nullptr) {
-    stays = tcp && !buffer.overlaps(tcp->segment.payload);
+    stays = !tcp || !buffer.overlaps(tcp->segment.payload);
     if (stays) {
-      buffer.put_back();  // all of the headers is in the records
+      buffer.put_back();  // all that is needed of the headers is in the records
     } else {
       tcp = parse_tcp(buffer.move_away(packet.size()));
     }
@@ -109,7 +109,7 @@ void handle_tcp(tun::Bytes packet) {
   if (!stays) tun::tun_deliver();  // before another packet moves there
 }
 
-// Behind what waits to be told there may be more of it, and nothing else.
+// What is handed out whole moves out of the way, and what waits is told first.
 tun::Bytes make_way(tun::Bytes packet) {
   if (tun::tun_gathering() == nullptr) return packet;
   packet = buffer.move_away(packet.size());

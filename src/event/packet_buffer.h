@@ -1,8 +1,8 @@
 // Where packets are read from the device: the header of each packet lies over the
 // end of the payload that came before it, so that the payloads of one connection
 // come to lie side by side without being moved. Once the header is parsed, what it
-// covered is put back. A payload of another connection stays where it is as well;
-// only a packet that is handed out whole moves away.
+// covered is put back. A payload of another connection stays where it is as well.
+// A packet moves away only if it is handed out whole, or lies under what is put back.
 #pragma once
 
 #include <array>
@@ -18,8 +18,8 @@ namespace vrox::event {
 
 class PacketBuffer {
  public:
-  // For packets up to `packet_size` behind up to `gathered_size` bytes, which begin
-  // anywhere in the first packet: it may have options, or repeat what is known.
+  // For packets up to `packet_size`, behind up to `gathered_size` bytes where those begin
+  // in the buffer's first packet; behind a later one it gathers less.
   void open(std::size_t packet_size, std::size_t gathered_size) {
     const std::size_t size = packet_size + gathered_size + packet_size;
     memory_ = {static_cast<std::uint8_t*>(tun_allocate(size)), size};
@@ -27,7 +27,7 @@ class PacketBuffer {
     packet_size_ = packet_size;
   }
 
-  // For a packet of a connection that nothing waits for.
+  // While nothing waits.
   [[nodiscard]] std::span<std::uint8_t> room() {
     covered_size_ = 0;
     packet_ = memory_.first(packet_size_);

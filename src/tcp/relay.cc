@@ -51,6 +51,8 @@ int turn_of(const TcpSession& session) {
 // Owned by nobody while it is empty.
 constinit char* relay_buffer = nullptr;
 
+static_assert(Input::small_message <= relay_buffer_size);
+
 bool would_wait(int error) { return error == EAGAIN || error == EINTR; }
 
 // ---- towards the upstream -----------------------------------------------------
@@ -190,8 +192,8 @@ Read read_upstream(TcpSession& session, char* buffer, std::size_t& count) {
     return Read::some;
   }
   if (got == -1 && errno == EINTR) return Read::again;
-  session.server_input.empty();
-  if (got == 0) session.server_input.end();
+  session.server_input.emptied();
+  if (got == 0) session.server_input.ended();
   const bool still_connecting = got == -1 && (errno == EAGAIN || errno == ENOTCONN);
   if (!still_connecting) session_close(session, server_side);
   return Read::nothing;
@@ -222,7 +224,7 @@ constexpr std::size_t bulk_turn = turn_reads * relay_buffer_size;
 
 enum class Bulk : std::uint8_t { moved, stopped, impossible };
 
-// One pipe's fill from a socket; `readable` is that side's mark.
+// One pipe's fill from a socket.
 Bulk fill_pipe(TcpSession& session, Sides from, RelayPipe*& pipe) {
   // A quota is overdrawn by no more than the write that reaches it.
   if (is_limited(*session.rule)) return Bulk::impossible;
@@ -238,7 +240,7 @@ Bulk fill_pipe(TcpSession& session, Sides from, RelayPipe*& pipe) {
   give_back(pipe);
   if (moved == -1 && error == EINTR) return Bulk::impossible;  // a read tells
   if (moved == -1 && error == EINVAL) return Bulk::impossible;
-  (from == server_side ? session.server_input : session.client_input).empty();
+  input_of(session, from).emptied();
   if (moved == 0 || error != EAGAIN) session_close(session, from);
   return Bulk::stopped;
 }

@@ -165,17 +165,17 @@ std::size_t read_client_request(TcpSession& session) {
   if (got > 0) {
     session.idle_ticks = 0;
     const auto count = static_cast<std::size_t>(got);
-    // What is left, were it only the end of the stream, is told on registration.
     if (client_is_socket(session)) {
       if (session.client_input.took(count)) session_ask_soon(session);
-      if (count < room.size() && session.client_mask == 0) session.client_input.empty();
+      // What is left, were it only the end of the stream, is told on registration.
+      if (count < room.size() && session.client_mask == 0) session.client_input.emptied();
     }
     take_chunk(session, std::span(chunk).first(count));
     return count;
   }
   if (got == -1 && errno == EINTR) return 0;
-  session.client_input.empty();
-  if (got == 0) session.client_input.end();
+  session.client_input.emptied();
+  if (got == 0) session.client_input.ended();
   if (got == 0 || errno != EAGAIN) session_close(session, client_side);
   return 0;
 }

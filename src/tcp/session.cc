@@ -54,9 +54,9 @@ constinit Alarm alarm;  // for those
 // the server's greeting would wait for ever.
 constexpr int fast_open_patience_ms = 1000;
 
-// How late an end may be seen that came together with the last bytes of a
-// conversation.
-constexpr int ask_after_ms = 5;
+// Twice that is how late an end may be seen that came together with the last bytes
+// of a conversation.
+constexpr int ask_after_ms = 4;
 
 // ---- epoll registrations ----------------------------------------------------
 
@@ -200,14 +200,17 @@ bool accept_client() {
 
 // ---- inputs taken for empty -------------------------------------------------------
 
-void ask_inputs() {
-  alarm.rang();
+// After the events, of which some will have answered.
+void ask_inputs_when_due() {
+  if (!alarm.is_due()) return;
+  alarm.stop();
   LinkedList<TcpSession, &TcpSession::unasked> due = unasked_sessions;
   unasked_sessions = {};
   while (TcpSession* session = due.first()) {
     due.remove(*session);
-    session->client_input.ask();
-    session->server_input.ask();
+    const bool client_again = session->client_input.ask();
+    const bool server_again = session->server_input.ask();
+    if (client_again || server_again) session_ask_soon(*session);
     session_on_readable(*session);
     session_arm(*session);
   }
@@ -221,14 +224,14 @@ void dispatch(const epoll_event& event) {
     return;
   }
   if (event::tun_is_source(event.data.u64)) return event::tun_event_loop();
-  if (alarm.is(event.data.u64)) return ask_inputs();
+  if (alarm.is(event.data.u64)) return alarm.rang();
   const auto address = static_cast<std::uintptr_t>(event.data.u64 & ~server_bit);
   TcpSession& session = *reinterpret_cast<TcpSession*>(address);
   if (!session.in_use()) return;  // ended earlier in this pass
   const bool from_server = (event.data.u64 & server_bit) != 0;
   if ((event.events & (EPOLLIN | EPOLLERR | EPOLLHUP)) != 0) {
     const bool ends = (event.events & (EPOLLERR | EPOLLHUP)) != 0;
-    (from_server ? session.server_input : session.client_input).tell(ends);
+    input_of(session, from_server ? server_side : client_side).told(ends);
     session_on_readable(session);
   }
   if ((event.events & EPOLLOUT) != 0 && session.in_use()) {
@@ -455,6 +458,7 @@ void tcp_event_loop() {
     // Last to first.
     for (auto event = events.rbegin(); event != events.rend(); ++event) dispatch(*event);
     run_waiting_sessions();
+    ask_inputs_when_due();
     dial_overdue_sessions();
     loop.deliver_mail();
     listener.retry();

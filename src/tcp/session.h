@@ -91,6 +91,10 @@ struct TcpSession {
 
 enum Sides : std::uint8_t { client_side = 1, server_side = 2, both_sides = 3 };
 
+[[nodiscard]] inline Input& input_of(TcpSession& session, Sides side) {
+  return side == server_side ? session.server_input : session.client_input;
+}
+
 extern SlotTable<TcpSession> tcp_session_table;
 
 // Start-up, before any service thread runs: listener options, table, epoll set.
@@ -135,7 +139,7 @@ void session_arm(TcpSession& session);
 void session_starve();
 // Has the session looked at again in the next pass.
 void session_run_later(TcpSession& session);
-// Has inputs that were taken for empty asked within a few milliseconds.
+// Has inputs that were taken for empty asked when they have been silent for a while.
 void session_ask_soon(TcpSession& session);
 // Closes the upstream so that another can be dialled, and gives back its counts.
 void session_drop_upstream(TcpSession& session);

@@ -148,7 +148,7 @@ bool drive_handshake(TcpSession& session) {
             before.tunnel_state != session.upstream.tunnel_state) {
           break;
         }
-        session.server_input.empty();  // until more of it comes
+        session.server_input.emptied();  // until more of it comes
         return false;
       case Handshake::failed:
         session_close(session, server_side);

@@ -12,6 +12,7 @@
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
+#include <sys/timerfd.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -31,7 +32,7 @@ namespace {
 enum Kind : std::uint32_t {
   none, k_socket, k_connect, k_accept, k_epoll_add, k_epoll_wait, k_memory, k_recv, k_recvmmsg,
   k_send, k_sendmmsg, k_splice, k_pipe, k_read, k_write, k_open, k_socket_option, k_socket_name,
-  k_bind, k_listen, k_mmap, k_eventfd, k_epoll_create, k_fcntl, k_poll, kind_count
+  k_bind, k_listen, k_mmap, k_eventfd, k_timer, k_epoll_create, k_fcntl, k_poll, kind_count
 };
 // clang-format on
 
@@ -143,6 +144,7 @@ FAILS(k_bind, int, bind, (int fd, const sockaddr* address, socklen_t length), (f
       noexcept)
 FAILS(k_listen, int, listen, (int fd, int backlog), (fd, backlog), noexcept)
 FAILS(k_eventfd, int, eventfd, (unsigned value, int flags), (value, flags), noexcept)
+FAILS(k_timer, int, timerfd_create, (int clock, int flags), (clock, flags), noexcept)
 FAILS(k_epoll_create, int, epoll_create, (int size), (size), noexcept)
 FAILS(k_poll, int, poll, (pollfd * asked, nfds_t count, int timeout), (asked, count, timeout))
 

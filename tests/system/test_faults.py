@@ -46,7 +46,7 @@ SERVING = {
 DEVICE = {"read": [*WAITS, e.EIO, e.ENOMEM], "write": [*WAITS, e.EIO, e.ENOBUFS]}
 STARTING = {
     **{kind: [e.ENOMEM] for kind in ("memory", "socket_option", "socket_name", "mmap", "fcntl", "epoll_add")},
-    "socket": EXHAUSTED, "eventfd": [e.EMFILE], "epoll_create": [e.EMFILE], "open": [e.EMFILE], "bind": [e.EADDRINUSE],
+    "socket": EXHAUSTED, "eventfd": [e.EMFILE], "timer": [e.EMFILE], "epoll_create": [e.EMFILE], "open": [e.EMFILE], "bind": [e.EADDRINUSE],
     "listen": [e.EADDRINUSE], "connect": [e.ENETUNREACH],
 }
 COMPLAINT = re.compile(r"^(\w+\(\): |error line: |configuration|out of memory$|.* request .*failed$)", re.M)

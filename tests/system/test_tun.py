@@ -116,17 +116,28 @@ def test_bulk(net, served, address, mtu, size):
 
 
 def test_uploads_at_once(net, served):
-    """Their packets come by turns, with longer and shorter headers, and none is taken for another's."""
+    """Their packets come by turns, with longer and shorter headers, and none is taken for another's.
+
+    Each stream begins with some other bytes, so that no two have the same at the same place.
+    """
     v4, v6 = (net.listen(address) for address in (tun.V4, tun.V6))
     served()
     size = (4 if SANITIZED else 16) * MIB
     pairs = [joined(net, origin) for origin in [v4] * 10 + [v6] * 2]
     got = []
-    senders = [net.spawn(bulk.send, client, size) for client, _ in pairs]
-    receivers = [net.spawn(lambda upstream=upstream: got.append(bulk.receive(upstream, size))) for _, upstream in pairs]
-    for thread in senders + receivers:
+
+    def send(client, lead):
+        client.sendall(bytes(lead))
+        bulk.send(client, size)
+
+    def receive(upstream, lead):
+        got.append((read_exactly(upstream, lead) == bytes(lead), bulk.receive(upstream, size)))
+
+    threads = [net.spawn(work, conn, 1 + 37 * i)
+               for i, pair in enumerate(pairs) for work, conn in zip((send, receive), pair)]
+    for thread in threads:
         thread.join()
-    assert got == [bulk.expected(size)] * len(pairs)
+    assert got == [(True, bulk.expected(size))] * len(pairs)
 
 
 @BOTH

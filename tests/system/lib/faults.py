@@ -13,7 +13,7 @@ INJECT = os.environ.get("VROX_INJECT") or str(Path(BIN).with_name("libinject.so"
 
 KINDS = ["", "socket", "connect", "accept", "epoll_add", "epoll_wait", "memory", "recv", "recvmmsg", "send", "sendmmsg",
          "splice", "pipe", "read", "write", "open", "socket_option", "socket_name", "bind", "listen", "mmap", "eventfd",
-         "epoll_create", "fcntl", "poll"]
+         "timer", "epoll_create", "fcntl", "poll"]
 SHORT = 0  # in place of an error number
 _HEAD = "=IiiI"
 
