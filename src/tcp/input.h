@@ -4,9 +4,9 @@
 // read that brings less than it asked for has emptied the socket, but only the next
 // one tells whether the stream ended with those bytes. A side that sends small
 // messages one at a time is spared that read: it is taken for empty, and asked when
-// it has been silent for some milliseconds. Bytes that arrive
-// meanwhile bring an edge, as does an end that comes behind them; bytes behind an
-// urgent mark, where a read stops as well, are found by the asking.
+// it has been silent for some milliseconds. Bytes that arrive meanwhile bring an
+// edge, as does an end that comes behind them; bytes behind an urgent mark, where a
+// read stops as well, are found by the asking.
 #pragma once
 
 #include <cstddef>
