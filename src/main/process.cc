@@ -80,9 +80,12 @@ int run(int argc, char** argv) {
   config::close_rings();
   std::set_new_handler(nullptr);  // from here on want of memory ends at most a session
   raise_descriptor_limit();
-  if (tcp::global.save_interval != 0 && load_stats()) save_stats_periodically();
+  const bool has_stats = tcp::global.save_interval != 0 && load_stats();
   if (!options.foreground) become_daemon();
   fork_workers(options.workers);
+  // No fork beside a thread: what that holds just then would stay locked in the child.
+  const bool is_first_process = options.foreground && worker_place.index == 0;
+  if (has_stats && is_first_process) save_stats_periodically();
   if (options.pid_path != nullptr) append_pid(options.pid_path);
   if (options.uid >= 0) drop_privileges(options.uid);
   block_handled_signals();

@@ -8,9 +8,8 @@ namespace vrox {
 // be neither read nor created, which is reported.
 [[nodiscard]] bool load_stats();
 
-// Starts the thread that saves every so often. Called before the process becomes
-// a daemon, which that thread does not survive: a daemon saves when it exits,
-// intended.
+// Starts the thread that saves every so often. Only the process that stays in the
+// foreground has one: a daemon saves when it exits, intended.
 void save_stats_periodically();
 
 // For the exit handler, before it saves: keeps the saving thread away from the

@@ -7,14 +7,12 @@ import time
 import pytest
 
 from lib import conf
-from lib.daemon import TSAN, alive, status_of
+from lib.daemon import alive, status_of
 from lib.net import exchange
 from lib.wait import until
 
 M = 1 << 20
 NAMES = ["web", "web2", "first", "other"]
-SAVES_ACROSS_FORK = pytest.mark.skipif(TSAN, reason="ThreadSanitizer starts no thread after a fork beside another one")
-
 
 RULES = (conf.rule("web", "dst_port = 1") + conf.rule("first", "matchMode = firstMatch", "dst_port = 1")
          + conf.rule("web2", "dst_port = 1") + conf.rule("other", "matchMode = firstMatch", "dst_port = 1"))
@@ -81,9 +79,10 @@ def test_missing_file_is_created_at_start(vrox):
     time.sleep(1.2)  # it goes on without
 
 
-def test_foreground_saves_periodically(net, vrox):
+@pytest.mark.parametrize("workers", [1, 2])
+def test_foreground_saves_periodically(net, vrox, workers):
     origin = net.listen()
-    daemon = vrox(conf.fixed(origin, "maxData_savePath = 1 stats", rule_keys=["maxData = 10K"]))
+    daemon = vrox(conf.fixed(origin, "maxData_savePath = 1 stats", rule_keys=["maxData = 10K"]), workers=workers)
     stats = daemon.directory / "stats"
     until(lambda: stats.read_text() == "all: 10240\n", "the first period ends")
     exchange(*net.joined(origin), b"\x01" * 1000, b"\x01" * 200)
@@ -92,7 +91,6 @@ def test_foreground_saves_periodically(net, vrox):
     until(lambda: stats.exists() and stats.read_text() == "all: 9040\n", "and the next")
 
 
-@SAVES_ACROSS_FORK
 def test_daemon_saves_only_when_it_ends(vrox):
     daemon = vrox(config("1 stats"), detach=True)
     stats = daemon.directory / "stats"
