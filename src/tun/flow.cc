@@ -207,7 +207,8 @@ bool repeats_announced_fin(const TunFlow& flow, const TcpSegment& segment) {
 }
 
 void receive_segment(TunFlow& flow, const TcpSegment& segment) {
-  if (flow.fading.linked) fade(flow);
+  // A SYN is of another connection, on a port that its client has given away again.
+  if (flow.fading.linked && segment.flags != TcpFlag::syn) fade(flow);
   if (!segment.payload.empty()) return receive_payload(flow, segment);
   if (segment.flags == (TcpFlag::rst | TcpFlag::ack)) return reset_flow(flow);
   if (segment.flags == TcpFlag::ack) return receive_ack(flow, segment);

@@ -5,10 +5,12 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <functional>
 #include <optional>
 #include <random>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -414,6 +416,10 @@ TEST_F(TunFlowTest, AResetIsToldBeforeTheFlowGoes) {
 TEST_F(TunFlowTest, SilentFlowsAreFreed) {
   Client half_open(ip_v4, 40001), closed(ip_v4, 40002), gone(ip_v4, 40003), open(ip_v4, 40004);
   half_open.step("S");
+  const auto due_ms = tun_next_expiry_ms();
+  ASSERT_TRUE(due_ms);
+  std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  EXPECT_EQ(half_open.step("S@0"), "");
   closed.open();
   closed.step("w one");
   closed.step("w two");
@@ -424,8 +430,8 @@ TEST_F(TunFlowTest, SilentFlowsAreFreed) {
   open.open();
   open.step("w data");
   open.step("A");
+  EXPECT_EQ(tun_next_expiry_ms(), due_ms) << "the SYN of another connection is no sign of life";
   const std::int64_t now = monotonic_ms();
-  ASSERT_TRUE(tun_next_expiry_ms());
   tun_expire_flows(now + 299'000);
   EXPECT_EQ(tun_flow_count(), 4U);
   told.clear();
